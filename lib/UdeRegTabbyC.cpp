@@ -1,0 +1,16 @@
+// The kernel table: every registration, in the published order, and nothing
+// else. Kernels of a family keep their place in the published list; a kernel
+// appears here only once it is implemented.
+#include "Kernel/TableBuilder.h"
+#include "kora/Kernel/Registration.h"
+#include "kora/Native/Unary.h"
+
+namespace kora {
+
+void buildKernelTable(KernelRegistry& t) {
+  using namespace native;
+  // native
+  registerKernel(t, "native::ReLU", &ReLUConfig, &ReLU);
+}
+
+}  // namespace kora

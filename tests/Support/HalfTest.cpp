@@ -1,0 +1,136 @@
+// The binary16 / bfloat16 conversions against independent computations:
+// decoding by ldexp, and rounding by searching the nearest representable
+// value in double precision.
+#include <gtest/gtest.h>
+
+#include <bit>
+#include <cmath>
+#include <cstring>
+#include <random>
+
+#include "kora/Kora.h"
+
+using namespace kora;
+
+namespace {
+
+// Value of a binary16 pattern, from its fields by ldexp.
+double decodeHalf(uint16_t h) {
+  const int exponent = (h >> 10) & 31;
+  const int fraction = h & 1023;
+  const double sign = (h & 0x8000) ? -1.0 : 1.0;
+  if (exponent == 0) return sign * std::ldexp(fraction, -24);
+  if (exponent == 31) return fraction ? NAN : sign * INFINITY;
+  return sign * std::ldexp(1024 + fraction, exponent - 25);
+}
+
+// Nearest binary16 by search over the finite positive patterns (ties to the
+// even pattern), with overflow to infinity past 65520.
+uint16_t nearestHalf(double x) {
+  const uint16_t sign = std::signbit(x) ? 0x8000 : 0;
+  const double a = std::fabs(x);
+  if (a >= 65520.0) return sign | 0x7c00;
+  uint16_t lo = 0, hi = 0x7bff;
+  while (lo < hi) {  // largest pattern whose value is <= a
+    const uint16_t mid = uint16_t((lo + hi + 1) / 2);
+    if (decodeHalf(mid) <= a) lo = mid; else hi = uint16_t(mid - 1);
+  }
+  if (lo == 0x7bff) return sign | lo;
+  const double below = decodeHalf(lo), above = decodeHalf(uint16_t(lo + 1));
+  if (a - below < above - a) return sign | lo;
+  if (a - below > above - a) return sign | uint16_t(lo + 1);
+  return sign | ((lo & 1) ? uint16_t(lo + 1) : lo);
+}
+
+}  // namespace
+
+TEST(Half, WideningIsExactForEveryPattern) {
+  for (uint32_t h = 0; h < 65536; ++h) {
+    const float f = halfBitsToFloat(uint16_t(h));
+    const double expected = decodeHalf(uint16_t(h));
+    if (std::isnan(expected)) {
+      EXPECT_TRUE(std::isnan(f)) << h;
+      EXPECT_EQ(std::bit_cast<uint32_t>(f) & 0x3ff, 0u) << "payload moves to the top bits";
+    } else {
+      ASSERT_EQ(double(f), expected) << h;
+      ASSERT_EQ(std::signbit(f), bool(h & 0x8000)) << h;
+    }
+  }
+}
+
+TEST(Half, NarrowingRoundTripsEveryPattern) {
+  for (uint32_t h = 0; h < 65536; ++h) {
+    const uint16_t back = floatToHalfBits(halfBitsToFloat(uint16_t(h)));
+    if ((h & 0x7c00) == 0x7c00 && (h & 0x3ff))
+      EXPECT_EQ(back, h | 0x200) << "NaN stays NaN, made quiet";
+    else
+      ASSERT_EQ(back, h);
+  }
+}
+
+TEST(Half, NarrowingMidpointsAndNeighboursAgainstSearch) {
+  // For each pair of neighbouring finite halves: the midpoint (a tie) and the
+  // floats just either side of it.
+  for (uint32_t h = 0; h < 0x7c00; ++h) {
+    const double lo = decodeHalf(uint16_t(h));
+    const double hi = h == 0x7bff ? 65536.0 : decodeHalf(uint16_t(h + 1));
+    const float mid = float((lo + hi) / 2);  // exact in binary32
+    for (float x : {mid, std::nextafter(mid, 0.f), std::nextafter(mid, INFINITY)}) {
+      ASSERT_EQ(floatToHalfBits(x), nearestHalf(x)) << x;
+      ASSERT_EQ(floatToHalfBits(-x), nearestHalf(-x)) << -x;
+      ASSERT_EQ(doubleToHalfBits(double(x)), nearestHalf(x)) << x;
+    }
+  }
+}
+
+TEST(Half, NarrowingRandomFloatsAgainstSearch) {
+  std::mt19937 rng(12345);
+  for (int i = 0; i < 200000; ++i) {
+    // Exponents spread over the interesting range [2^-28, 2^17].
+    const float x = std::ldexp(std::uniform_real_distribution<float>(1.f, 2.f)(rng),
+                               std::uniform_int_distribution<int>(-28, 17)(rng));
+    ASSERT_EQ(floatToHalfBits(x), nearestHalf(x)) << x;
+  }
+  EXPECT_EQ(floatToHalfBits(INFINITY), 0x7c00);
+  EXPECT_EQ(floatToHalfBits(-INFINITY), 0xfc00);
+  EXPECT_EQ(floatToHalfBits(65519.996f), 0x7bff);
+  EXPECT_EQ(floatToHalfBits(65520.f), 0x7c00);
+  EXPECT_EQ(floatToHalfBits(-0.f), 0x8000);
+  EXPECT_EQ(floatToHalfBits(1e-30f), 0x0000);
+}
+
+TEST(Half, Bfloat16AgainstItsDefinition) {
+  for (uint32_t b = 0; b < 65536; ++b) {
+    const float f = bf16BitsToFloat(uint16_t(b));
+    ASSERT_EQ(std::bit_cast<uint32_t>(f), b << 16);
+    if (!std::isnan(f)) {
+      ASSERT_EQ(floatToBf16Bits(f), b);
+    }
+  }
+  // Ties to even; a carry into the exponent; overflow to infinity.
+  EXPECT_EQ(floatToBf16Bits(std::bit_cast<float>(0x3f808000u)), 0x3f80);
+  EXPECT_EQ(floatToBf16Bits(std::bit_cast<float>(0x3f818000u)), 0x3f82);
+  EXPECT_EQ(floatToBf16Bits(std::bit_cast<float>(0x3f808001u)), 0x3f81);
+  EXPECT_EQ(floatToBf16Bits(std::bit_cast<float>(0x3fffffffu)), 0x4000);
+  EXPECT_EQ(floatToBf16Bits(std::bit_cast<float>(0x7f7fffffu)), 0x7f80);
+  EXPECT_EQ(floatToBf16Bits(std::bit_cast<float>(0x7f800001u)) & 0x7fc0, 0x7fc0);
+}
+
+TEST(FloatFormat, BinaryThirtyTwoRoundingMatchesTheHardware) {
+  // The integer rounding path against the FPU's own double -> float
+  // conversion (round to nearest even in the default mode).
+  std::mt19937_64 rng(7);
+  for (int i = 0; i < 300000; ++i) {
+    double d;
+    const uint64_t bits = rng();
+    std::memcpy(&d, &bits, 8);
+    if (std::isnan(d)) continue;
+    ASSERT_EQ(std::bit_cast<uint32_t>(doubleToFloat(d)), std::bit_cast<uint32_t>(static_cast<float>(d))) << d;
+    const double near = std::ldexp(double(int64_t(rng() >> 11)), int(rng() % 300) - 200);
+    ASSERT_EQ(std::bit_cast<uint32_t>(doubleToFloat(near)), std::bit_cast<uint32_t>(static_cast<float>(near)));
+  }
+  for (int64_t v : {int64_t(1) << 60, (int64_t(1) << 53) + 1, INT64_MAX, int64_t(16777217)})
+    EXPECT_EQ(std::bit_cast<uint32_t>(uint32_t(roundIntegerToFormat<8, 23>(false, uint64_t(v)))),
+              std::bit_cast<uint32_t>(static_cast<float>(v)))
+        << v;
+}

@@ -1,0 +1,97 @@
+#pragma once
+// Helpers shared by the tests: building tensors from values, reading them
+// back through their strides, and capturing trace lines and log messages.
+#include <cstdio>
+#include <cstring>
+#include <memory>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include <spdlog/sinks/ostream_sink.h>
+#include <spdlog/spdlog.h>
+
+#include "kora/Kora.h"
+
+namespace kora::test {
+
+/// A compact tensor holding `values` in row-major order.
+template <class T>
+Tensor tensorOf(ElementType type, std::vector<long> shape, const std::vector<T>& values) {
+  Tensor t = Tensor::create(type, shape);
+  auto data = t.data<T>();
+  if (values.size() != data.size()) throw std::logic_error("tensorOf: value count does not match the shape");
+  std::memcpy(data.data(), values.data(), values.size() * sizeof(T));
+  return t;
+}
+
+/// The elements of any (strided) tensor in row-major order.
+template <class T>
+std::vector<T> valuesOf(const Tensor& t) {
+  Tensor compact = Tensor::create(t.elementType(), t.shape());
+  copyElements(compact, t);
+  auto data = compact.data<T>();
+  return std::vector<T>(data.begin(), data.end());
+}
+
+/// The bit pattern of each element, for bit-exact comparisons.
+template <class T, class Bits = std::conditional_t<sizeof(T) == 2, uint16_t, std::conditional_t<sizeof(T) == 4, uint32_t, uint64_t>>>
+std::vector<Bits> bitsOf(const Tensor& t) {
+  std::vector<T> v = valuesOf<T>(t);
+  std::vector<Bits> bits(v.size());
+  std::memcpy(bits.data(), v.data(), v.size() * sizeof(T));
+  return bits;
+}
+
+/// Sets the trace point for a scope.
+class ScopedTracePoint {
+ public:
+  explicit ScopedTracePoint(std::vector<long> point) { Context::get().setTracePoint(point); }
+  ~ScopedTracePoint() { Context::get().setTracePoint({}); }
+};
+
+/// Collects the trace lines written to the default logger during its life.
+class TraceCapture {
+ public:
+  TraceCapture() : previous_(spdlog::default_logger()) {
+    auto sink = std::make_shared<spdlog::sinks::ostream_sink_mt>(stream_);
+    sink->set_pattern("%v");
+    spdlog::set_default_logger(std::make_shared<spdlog::logger>("trace-capture", sink));
+  }
+  ~TraceCapture() { spdlog::set_default_logger(previous_); }
+
+  std::vector<std::string> lines() const {
+    std::vector<std::string> result;
+    std::istringstream in(stream_.str());
+    for (std::string line; std::getline(in, line);) result.push_back(line);
+    return result;
+  }
+
+ private:
+  std::ostringstream stream_;
+  std::shared_ptr<spdlog::logger> previous_;
+};
+
+/// Collects Context messages (level, text) through a registered sink.
+class LogCapture {
+ public:
+  LogCapture() {
+    Context::get().regLogger(
+        [](LogLevel level, const char* text, void* self) {
+          static_cast<LogCapture*>(self)->messages.emplace_back(level, text);
+        },
+        this);
+  }
+  ~LogCapture() { Context::get().regLogger({}, nullptr); }
+  std::vector<std::pair<LogLevel, std::string>> messages;
+};
+
+/// For death tests: Context messages go to stderr as "<level>|<text>", where
+/// gtest can match them.
+inline void logToStderr() {
+  Context::get().regLogger([](LogLevel level, const char* text, void*) {
+    std::fprintf(stderr, "%u|%s\n", unsigned(level), text);
+  }, nullptr);
+}
+
+}  // namespace kora::test
