@@ -14,6 +14,7 @@
 
 #include "kora/Support/Dispatch.h"
 #include "kora/Support/ElementLoop.h"
+#include "kora/Support/FixedPoint.h"
 #include "kora/Support/FloatFormat.h"
 #include "kora/Support/Half.h"
 #include "kora/Support/StridedWalk.h"

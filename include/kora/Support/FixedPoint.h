@@ -1,0 +1,103 @@
+#pragma once
+// Fixed-point primitives of the accelerator models, the quantizers and the
+// integer detection kernels, each named after what it models. Wrapping
+// arithmetic goes through unsigned types (signed overflow is undefined in
+// C++); shifts of signed values are spelled out here so that no kernel holds
+// a bare >> on a signed operand. Extend this header rather than writing a
+// local variant in a kernel.
+#include <cstdint>
+#include <limits>
+#include <type_traits>
+
+namespace kora::fixed {
+
+/// a + b modulo 2^bits of T (two's complement wrap, as a hardware adder).
+template <class T>
+constexpr T wrapAdd(T a, T b) {
+  using U = std::make_unsigned_t<T>;
+  return T(U(U(a) + U(b)));
+}
+
+template <class T>
+constexpr T wrapSub(T a, T b) {
+  using U = std::make_unsigned_t<T>;
+  return T(U(U(a) - U(b)));
+}
+
+/// a * b modulo 2^bits of T.
+template <class T>
+constexpr T wrapMul(T a, T b) {
+  using U = std::make_unsigned_t<T>;
+  using Wide = std::conditional_t<(sizeof(U) < sizeof(unsigned)), unsigned, U>;  // no promotion to int
+  return T(U(Wide(U(a)) * Wide(U(b))));
+}
+
+constexpr int32_t wrapAdd32(int32_t a, int32_t b) { return wrapAdd<int32_t>(a, b); }
+
+/// Arithmetic (sign-copying) shift right by n in [0, bits of T); models a
+/// hardware shifter that floors toward minus infinity.
+template <class T>
+constexpr T shiftRightArithmetic(T value, unsigned n) {
+  static_assert(std::is_signed_v<T>);
+  return value >> n;  // arithmetic for signed operands since C++20
+}
+
+/// Shift left by n in [0, bits of T), wrapping bits out of the top as a
+/// hardware shifter does (no undefined behaviour for negative values).
+template <class T>
+constexpr T shiftLeftWrap(T value, unsigned n) {
+  using U = std::make_unsigned_t<T>;
+  return T(U(U(value) << n));
+}
+
+/// Right shift by n that rounds half up (toward plus infinity on ties): adds
+/// bit n-1 of the value to the floored result. n = 0 returns the value.
+template <class T>
+constexpr T roundingShiftRight(T value, unsigned n) {
+  if (n == 0) return value;
+  const T floored = shiftRightArithmetic(value, n);
+  const T roundBit = T((std::make_unsigned_t<T>(value) >> (n - 1)) & 1u);
+  return wrapAdd(floored, roundBit);
+}
+
+/// `value` clamped to the range of T.
+template <class T, class V>
+constexpr T saturate(V value) {
+  if constexpr (std::numeric_limits<V>::is_signed && !std::numeric_limits<T>::is_signed) {
+    if (value < 0) return 0;
+  }
+  if constexpr (std::numeric_limits<V>::digits > std::numeric_limits<T>::digits) {
+    if (value > V(std::numeric_limits<T>::max())) return std::numeric_limits<T>::max();
+  }
+  if constexpr (std::numeric_limits<V>::is_signed && std::numeric_limits<T>::is_signed &&
+                std::numeric_limits<V>::digits > std::numeric_limits<T>::digits) {
+    if (value < V(std::numeric_limits<T>::min())) return std::numeric_limits<T>::min();
+  }
+  return T(value);
+}
+
+/// `value` clamped to [lo, hi] in int64.
+constexpr int64_t clamp64(int64_t value, int64_t lo, int64_t hi) { return value < lo ? lo : value > hi ? hi : value; }
+
+/// Mask of bits [hi:lo] of a 64-bit word.
+constexpr uint64_t bitMask(unsigned hi, unsigned lo) {
+  return (hi - lo >= 63 ? ~uint64_t(0) : ((uint64_t(1) << (hi - lo + 1)) - 1)) << lo;
+}
+
+/// Bits [hi:lo] of `word`, right-aligned.
+constexpr uint64_t extractBits(uint64_t word, unsigned hi, unsigned lo) { return (word & bitMask(hi, lo)) >> lo; }
+
+/// `word` with bits [hi:lo] replaced by the low bits of `value` (masked to
+/// the field's width, as a register field write).
+constexpr uint64_t insertBits(uint64_t word, unsigned hi, unsigned lo, uint64_t value) {
+  return (word & ~bitMask(hi, lo)) | ((value << lo) & bitMask(hi, lo));
+}
+
+/// The low `bits` bits of `value` read as a two's complement number.
+constexpr int64_t signExtend(uint64_t value, unsigned bits) {
+  const uint64_t field = bits >= 64 ? value : value & ((uint64_t(1) << bits) - 1);
+  const uint64_t sign = uint64_t(1) << (bits - 1);
+  return int64_t(field ^ sign) - int64_t(sign);
+}
+
+}  // namespace kora::fixed
