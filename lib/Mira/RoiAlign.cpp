@@ -430,7 +430,7 @@ bool blendStrided(char* out, long outStep, const char* const from[4], const long
 constexpr long kChannelBlock = 16;
 
 template <class T>
-bool blendBlock(T* __restrict out, const T* __restrict f00, const T* __restrict f01, const T* __restrict f10,
+[[gnu::always_inline]] inline bool blendBlock(T* __restrict out, const T* __restrict f00, const T* __restrict f01, const T* __restrict f10,
                 const T* __restrict f11, const CellWeights w) {
   NoTrace quiet;
   int32_t outside = 0;
@@ -443,9 +443,10 @@ bool blendBlock(T* __restrict out, const T* __restrict f00, const T* __restrict 
 }
 
 /// Blends one cell's channels; true when some result lies outside
-/// [-128, 127].
+/// [-128, 127]. Integer arithmetic gives the same bits on any instruction
+/// set, so a wider one is picked at run time where the machine has it.
 template <class T>
-bool blendChannels(char* out, long outStep, const char* const from[4], const long step[4], const CellWeights& w,
+__attribute__((target_clones("avx2", "default"))) bool blendChannels(char* out, long outStep, const char* const from[4], const long step[4], const CellWeights& w,
                    long channels, bool unitSteps) {
   long c = 0;
   bool outside = false;
