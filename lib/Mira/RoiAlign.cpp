@@ -217,7 +217,7 @@ bool setUp(const Tensor& fout, ArrayRef<Tensor> inputs, const Attributes& a, Set
     const int64_t stride = a.featureStrides[index];
     const int64_t shift = stride >= 1 ? int64_t(std::log2(double(stride))) : -1;
     if (shift < 0 || shift > kMaxLevelShift)
-      return cannotRun("feature stride {} is not in [1, 2^{}]", stride, kMaxLevelShift + 1);
+      return cannotRun("feature stride {} is not in [1, 2^{})", stride, kMaxLevelShift + 1);
     Level level;
     level.base = f.data<char>().data();
     level.batchStride = s.batched ? f.stride(0) : 0;
@@ -259,9 +259,11 @@ struct Box {
 
 /// floor(canonicalLevel - k0 + log2(t / canonicalBoxSize)) in double, t the
 /// box's inclusive size in pixels, limited to the pyramid.
-// Whether the floor lands on an integer boundary cannot hinge on the last
-// bit of log2: t^2 is a multiple of 1/16, so t / canonicalBoxSize is either
-// exactly a power of two (where log2 is exact) or far from one in doubles.
+// The libm log2 may differ in its last bit between machines, but the floor
+// cannot: t^2 is a multiple of 1/16, so for sides and box sizes below 2^20
+// t / canonicalBoxSize is either exactly a power of two (log2 then exact) or
+// off every power of two by a factor beyond 1 + 2^-45, far more than a few
+// rounding errors can bridge.
 template <class Trace>
 int64_t selectLevel(int64_t w, int64_t h, const Setup& s, const Coord& roi, Trace& trace) {
   const int64_t last = int64_t(s.levels.size()) - 1;
@@ -347,8 +349,8 @@ uint32_t binSize(int32_t lo, int32_t hi, long pooled, unsigned fracBits, const A
   return bin;
 }
 
-/// One sample position along an axis: the lower neighbour's index and the
-/// weights of that neighbour (high) and the next one (low).
+/// One sample position along an axis: the lower neighbour's index, its
+/// weight (one - frac) and the weight of the neighbour after it (frac).
 struct AxisSample {
   int32_t index = 0;
   int32_t near = 0;  // one - frac: weight of `index`

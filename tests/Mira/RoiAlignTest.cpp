@@ -447,8 +447,8 @@ TEST(RoiAlign, RunTimeFailuresNameTheirCause) {
     std::string cause;
   };
   const Case cases[] = {
-      {[](Args& a, Tensor&) { a.strides = {0, 2}; }, "RoiAlign: feature stride 0 is not in [1, 2^14]"},
-      {[](Args& a, Tensor&) { a.strides = {1, 16384}; }, "RoiAlign: feature stride 16384 is not in [1, 2^14]"},
+      {[](Args& a, Tensor&) { a.strides = {0, 2}; }, "RoiAlign: feature stride 0 is not in [1, 2^14)"},
+      {[](Args& a, Tensor&) { a.strides = {1, 16384}; }, "RoiAlign: feature stride 16384 is not in [1, 2^14)"},
       {[](Args& a, Tensor&) { a.inputs[2] = featureMap({2, 2, 3}, [](long, long, long) { return 0; }); },
        "RoiAlign: feature[1] has 3 channels, feature[0] 2"},
       {[](Args& a, Tensor&) { a.inputs[0] = tensorOf<int64_t>(ElementType::si64, {1, 4}, {0, 0, 8, 8}); },
