@@ -3,6 +3,7 @@
 // appears here only once it is implemented.
 #include "Kernel/TableBuilder.h"
 #include "kora/Kernel/Registration.h"
+#include "kora/Mira/RoiAlign.h"
 #include "kora/Native/Unary.h"
 
 namespace kora {
@@ -11,6 +12,17 @@ void buildKernelTable(KernelRegistry& t) {
   using namespace native;
   // native
   registerKernel(t, "native::ReLU", &ReLUConfig, &ReLU);
+  // mira
+  {
+    // samplingRatio, interpolateMode, canonicalBoxSize, canonicalLevel, boxClipRatio
+    const std::vector<Argument> roiAlignDefaults = {1, "bilinear", 224, 4, std::vector<double>{}};
+    registerKernel(t, "mira::RoiAlign", &mira::RoiAlignConfig, &mira::RoiAlign, roiAlignDefaults);
+    registerKernel(t, "mira::RoiAlign1", &mira::RoiAlign1Config, &mira::RoiAlign1, roiAlignDefaults);
+    registerKernel(t, "mira::RoiAlign2", &mira::RoiAlign2Config, &mira::RoiAlign2, roiAlignDefaults);
+    registerKernel(t, "mira::RoiAlign3", &mira::RoiAlign3Config, &mira::RoiAlign3, roiAlignDefaults);
+    registerKernel(t, "mira::RoiAlign4", &mira::RoiAlign4Config, &mira::RoiAlign4, roiAlignDefaults);
+    registerKernel(t, "mira::RoiAlign5", &mira::RoiAlign5Config, &mira::RoiAlign5, roiAlignDefaults);
+  }
 }
 
 }  // namespace kora

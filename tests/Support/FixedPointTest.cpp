@@ -2,6 +2,7 @@
 // seeded random values.
 #include <gtest/gtest.h>
 
+#include <cmath>
 #include <random>
 
 #include "kora/Support/FixedPoint.h"
@@ -73,4 +74,32 @@ TEST(FixedPoint, BitFields) {
   EXPECT_EQ(signExtend(22, 6), 22);
   EXPECT_EQ(signExtend(0x8000, 16), -32768);
   EXPECT_EQ(signExtend(0x10000, 17), -65536);
+}
+
+TEST(FixedPoint, DivisionByZeroGivesZero) {
+  EXPECT_EQ(divideOrZero<uint32_t>(7, 0), 0u);
+  EXPECT_EQ(divideOrZero<uint32_t>(0xffffffffu, 1), 0xffffffffu);
+  EXPECT_EQ(divideOrZero<uint32_t>(48, 8), 6u);
+  EXPECT_EQ(divideOrZero<uint32_t>(112, 12), 9u);
+  EXPECT_EQ(divideOrZero<uint64_t>(uint64_t(1) << 40, 3), (uint64_t(1) << 40) / 3);
+}
+
+TEST(FixedPoint, RoundHalfAwayThenSaturate) {
+  struct Case {
+    double x;
+    int32_t rounded;
+  };
+  const Case cases[] = {{2.5, 3},        {-2.5, -3},        {1.4999999999999998, 1}, {-0.5, -1},
+                        {0.49999999999999994, 0}, {-0.0, 0}, {2147483647.4, INT32_MAX}, {1e300, INT32_MAX},
+                        {-2147483648.6, INT32_MIN}, {-INFINITY, INT32_MIN}, {3.0, 3}};
+  for (const Case& c : cases) EXPECT_EQ(roundHalfAwaySaturate<int32_t>(c.x), c.rounded) << c.x;
+  EXPECT_EQ(roundHalfAwaySaturate<int8_t>(-127.5), -128);
+  EXPECT_EQ(roundHalfAwaySaturate<int8_t>(127.4), 127);
+  EXPECT_EQ(roundHalfAwaySaturate<int8_t>(127.5), 127);
+  std::mt19937_64 rng(9);
+  for (int i = 0; i < 100000; ++i) {  // halves and quarters against integer arithmetic
+    const int64_t quarters = int64_t(rng() % 4000001) - 2000000;
+    const int64_t magnitude = ((quarters < 0 ? -quarters : quarters) + 2) / 4;  // ties away from zero
+    ASSERT_EQ(roundHalfAwaySaturate<int32_t>(double(quarters) / 4), quarters < 0 ? -magnitude : magnitude);
+  }
 }

@@ -5,6 +5,7 @@
 // C++); shifts of signed values are spelled out here so that no kernel holds
 // a bare >> on a signed operand. Extend this header rather than writing a
 // local variant in a kernel.
+#include <cmath>
 #include <cstdint>
 #include <limits>
 #include <type_traits>
@@ -58,6 +59,24 @@ constexpr T roundingShiftRight(T value, unsigned n) {
   const T floored = shiftRightArithmetic(value, n);
   const T roundBit = T((std::make_unsigned_t<T>(value) >> (n - 1)) & 1u);
   return wrapAdd(floored, roundBit);
+}
+
+/// a / b in unsigned arithmetic, and 0 when b is 0: a hardware divider's
+/// answer to a zero divisor rather than a fault.
+template <class U>
+constexpr U divideOrZero(U a, U b) {
+  static_assert(std::is_unsigned_v<U>);
+  return b == 0 ? U(0) : U(a / b);
+}
+
+/// `x` rounded to the nearest integer, ties away from zero, then clamped to
+/// the range of T. `x` must not be NaN.
+template <class T>
+T roundHalfAwaySaturate(double x) {
+  const double r = std::round(x);
+  if (r <= double(std::numeric_limits<T>::min())) return std::numeric_limits<T>::min();
+  if (r >= double(std::numeric_limits<T>::max())) return std::numeric_limits<T>::max();
+  return T(r);
 }
 
 /// `value` clamped to the range of T.

@@ -1,0 +1,538 @@
+// RoiAlign against hand-worked samples, a wide pixel-space reference on
+// seeded random boxes, the Config checks' exact words and the traps.
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <cstring>
+#include <functional>
+#include <random>
+
+#include "TestUtil.h"
+
+using namespace kora;
+using test::tensorOf;
+using test::valuesOf;
+
+namespace {
+
+struct Args {
+  Args(std::vector<Tensor> in, std::vector<int64_t> pooled = {1, 1}, std::vector<int64_t> featureStrides = {1})
+      : inputs(std::move(in)), shape(std::move(pooled)), strides(std::move(featureStrides)) {}
+  std::vector<Tensor> inputs;  // rois, then feature maps
+  std::vector<int64_t> shape;
+  std::vector<int64_t> strides;
+  int64_t ratio = 1;
+  std::string mode = "bilinear";
+  int64_t boxSize = 224, level = 4;
+  std::vector<double> clip;
+};
+
+Status configure(Tensor& out, const Args& a) {
+  return mira::RoiAlignConfig(out, a.inputs, a.shape, a.strides, a.ratio, a.mode, a.boxSize, a.level, a.clip);
+}
+Status compute(Tensor& out, const Args& a) {
+  return mira::RoiAlign(out, a.inputs, a.shape, a.strides, a.ratio, a.mode, a.boxSize, a.level, a.clip);
+}
+
+/// Config, an output prefilled with a marker, then the computation.
+Tensor pool(const Args& a) {
+  Tensor out;
+  Status s = configure(out, a);
+  EXPECT_TRUE(s.ok()) << s.message();
+  out.allocate();
+  std::memset(out.data<char>().data(), 0x5a, out.byteSpan());
+  s = compute(out, a);
+  EXPECT_TRUE(s.ok()) << s.message();
+  return out;
+}
+
+Tensor rois(const std::vector<std::vector<int16_t>>& rows) {
+  std::vector<int16_t> flat;
+  for (const auto& r : rows) flat.insert(flat.end(), r.begin(), r.end());
+  return tensorOf<int16_t>(ElementType::si16, {long(rows.size()), long(rows.at(0).size())}, flat);
+}
+
+Tensor featureMap(std::vector<long> shape, const std::function<int(long y, long x, long c)>& f) {
+  Tensor t = Tensor::create(ElementType::si8, shape);
+  const long h = shape[shape.size() - 3], w = shape[shape.size() - 2], ch = shape.back();
+  auto data = t.data<int8_t>();
+  for (size_t i = 0; i < data.size(); ++i) {
+    const long k = long(i) % (h * w * ch);
+    data[i] = int8_t(f(k / (w * ch), k / ch % w, k % ch));
+  }
+  return t;
+}
+
+// A 3 x 3 map of two channels, 10y + 20x and its negation.
+Tensor rampMap() {
+  return featureMap({3, 3, 2}, [](long y, long x, long c) { return int((10 * y + 20 * x) * (c ? -1 : 1)); });
+}
+
+/// Image b of a batched map, as a rank-3 view.
+Tensor imageOf(const Tensor& batched, long b) {
+  return Tensor(batched.shape().slice(1, 3), batched.strides().slice(1, 3), batched.elementType(),
+                batched.offset() + b * batched.stride(0), batched.storage());
+}
+
+std::vector<int> ints(const Tensor& t) {
+  std::vector<int> v;
+  for (int8_t x : valuesOf<int8_t>(t)) v.push_back(x);
+  return v;
+}
+
+}  // namespace
+
+TEST(RoiAlign, HandWorkedSamplesOnOneMap) {
+  // Stride 1: two fractional bits, one = 4. Each value was worked by hand
+  // through bins, clamps, weights and the rounding shift by 4.
+  struct Case {
+    const char* what;
+    std::vector<int16_t> box;
+    std::vector<int64_t> shape;
+    std::vector<int> expected;  // channel pairs
+  };
+  const Case cases[] = {
+      {"interior, bins of 1.5 px", {0, 0, 8, 8}, {2, 2}, {0, 0, 30, -30, 15, -15, 45, -45}},
+      {"bottom edge: rows 1 and 2, hy = 0", {0, 8, 4, 20}, {2, 1}, {20, -20, 20, -20}},
+      {"right edge: columns 1 and 2, hx = 0", {6, 2, 30, 3}, {1, 3}, {35, -35, 45, -45, 45, -45}},
+      {"quarter pixel: 7.5 and -7.5 round half up", {1, 1, 5, 5}, {1, 1}, {8, -7}},
+      {"negative start clamps to 0", {-8, -8, 4, 4}, {3, 3},
+       {0, 0, 0, 0, 10, -10, 0, 0, 0, 0, 10, -10, 5, -5, 5, -5, 15, -15}},
+  };
+  for (const Case& c : cases) {
+    Args a{{rois({c.box}), rampMap()}, c.shape};
+    EXPECT_EQ(ints(pool(a)), c.expected) << c.what;
+  }
+}
+
+TEST(RoiAlign, MapsOneHighOrOneWide) {
+  // Row (or column) -1 is the lower neighbour; its weight is 0 and it is never read.
+  struct Case {
+    std::vector<long> map;
+    std::vector<int16_t> box;
+    std::vector<int64_t> shape;
+    std::vector<int> expected;
+  };
+  const Case cases[] = {
+      {{1, 3, 1}, {2, 0, 10, 4}, {1, 2}, {15, 30}},
+      {{3, 1, 1}, {0, 2, 4, 10}, {2, 1}, {15, 30}},
+      {{1, 1, 1}, {-4, -4, 40, 40}, {2, 2}, {10, 10, 10, 10}},
+  };
+  for (const Case& c : cases) {
+    Tensor f = featureMap(c.map, [](long y, long x, long) { return int(10 * (y + x + 1)); });
+    EXPECT_EQ(ints(pool({{rois({c.box}), f}, c.shape})), c.expected);
+  }
+}
+
+TEST(RoiAlign, LevelChoice) {
+  // Level l is filled with 10 (l + 1), so each output names its level.
+  auto pyramid = [](std::vector<int64_t> strides) {
+    Args a{{Tensor()}, {1, 1}, strides};
+    for (size_t l = 0; l < strides.size(); ++l)
+      a.inputs.push_back(featureMap({4, 4, 1}, [l](long, long, long) { return int(10 * (l + 1)); }));
+    return a;
+  };
+  struct Case {
+    std::vector<int64_t> strides;
+    int64_t boxSize;
+    int16_t w, h;  // roi units
+    int level;
+  };
+  const Case cases[] = {
+      {{8, 16, 32, 64}, 224, 896, 896, 1},    // inclusive size 225: floor(4 - 3 + log2(225/224))
+      {{8, 16, 32, 64}, 224, 892, 892, 1},    // exactly 224
+      {{8, 16, 32, 64}, 224, 888, 888, 0},    // 223
+      {{8, 16, 32, 64}, 224, 1788, 1788, 2},  // 448
+      {{8, 16, 32, 64}, 224, 1784, 1784, 1},  // 447
+      {{8, 16, 32, 64}, 224, 892, 3580, 2},   // sqrt(224 * 896) = 448
+      {{8, 16, 32, 64}, 224, 30000, 30000, 3},
+      {{8, 16, 32, 64}, 224, 4, 4, 0},
+      {{12, 16, 32, 64}, 224, 896, 896, 1},   // k0 = trunc(log2 12) = 3
+      {{8, 16, 32, 64}, 0, 4, 4, 3},          // log2(+inf)
+      {{8, 16, 32, 64}, -224, 30000, 30000, 0},  // NaN
+      {{8}, 224, 30000, 30000, 0},
+  };
+  for (const Case& c : cases) {
+    Args a = pyramid(c.strides);
+    a.boxSize = c.boxSize;
+    a.inputs[0] = rois({{0, 0, c.w, c.h}});
+    EXPECT_EQ(ints(pool(a)), std::vector<int>{10 * (c.level + 1)}) << c.w << " x " << c.h << ", " << c.boxSize;
+  }
+}
+
+TEST(RoiAlign, InvalidBoxesFillTheirBlockWithZero) {
+  // w = 0 and h < 0 between valid boxes; a clip of zeros changes nothing.
+  Args a{{rois({{4, 4, 8, 8}, {4, 0, 4, 8}, {0, 8, 8, 4}, {4, 4, 8, 8}}), rampMap()}};
+  for (std::vector<double> clip : {std::vector<double>{}, std::vector<double>{0, 0, 0, 0}}) {
+    a.clip = clip;
+    EXPECT_EQ(ints(pool(a)), (std::vector<int>{30, -30, 0, 0, 0, 0, 30, -30}));
+  }
+  // Clipped to nothing, or by NaN; and rois that are not integral.
+  a.inputs[0] = rois({{4, 4, 8, 8}});
+  for (std::vector<double> clip : {std::vector<double>{0.5, 0, 0.5, 0}, std::vector<double>{0, NAN, 0, 0}}) {
+    a.clip = clip;
+    EXPECT_EQ(ints(pool(a)), (std::vector<int>{0, 0}));
+  }
+  a.clip = {};
+  a.inputs[0] = tensorOf<float>(ElementType::f32, {1, 4}, {4, 4, 8, 8});
+  EXPECT_EQ(ints(pool(a)), (std::vector<int>{0, 0}));
+}
+
+TEST(RoiAlign, ClipRoundsOneFusedMultiplyAddHalfAwayFromZero) {
+  struct Case {
+    std::vector<int16_t> box;
+    std::vector<double> clip;
+    std::string clipped;
+  };
+  const Case cases[] = {
+      {{1, 3, 7, 11}, {0.25, 0.25, 0.25, 0.25}, "-> [3, 5, 6, 9]"},     // 2.5 -> 3, 5.5 -> 6
+      {{-3, -5, 3, 1}, {0.25, 0.25, 0.25, 0.25}, "-> [-2, -4, 2, -1]"},  // -1.5 -> -2, -0.5 -> -1
+      {{-3, 0, 147, 4}, {0.03, 0, 0, 0}, "-> [1, 0, 147, 4]"},  // fused 1.4999..., unfused 1.5 -> 2
+  };
+  for (const Case& c : cases) {
+    Args a{{rois({c.box}), rampMap()}};
+    a.clip = c.clip;
+    test::TraceCapture capture;
+    test::ScopedTracePoint point({0, 0, 0, 0});
+    pool(a);
+    const auto lines = capture.lines();
+    ASSERT_GE(lines.size(), 2u);
+    EXPECT_EQ(lines[1].substr(0, 26), "box[0] = clip(box[0]) // [");
+    EXPECT_EQ(lines[1].substr(lines[1].size() - c.clipped.size()), c.clipped);
+  }
+  // The fused result in the output: a sample at x = 0.25 px on 40x, not 0.5 px.
+  Args a{{rois({{-3, 0, 147, 4}}), featureMap({1, 3, 1}, [](long, long x, long) { return int(40 * x); })}};
+  a.clip = {0.03, 0, 0, 0};
+  EXPECT_EQ(ints(pool(a)), std::vector<int>{10});
+}
+
+TEST(RoiAlign, RankThreeRoisPoolTheirOwnBatchImage) {
+  // Roi [b, n] reads image b: the batched call equals one call per image.
+  std::mt19937 rng(11);
+  Tensor features = featureMap({2, 6, 5, 3}, [&](long, long, long) { return int(rng() % 256) - 128; });
+  const std::vector<int16_t> flat = {0, 0, 12, 20, 3, 5, 9, 9, 4, 0, 4, 9, -4, 2, 18, 15, 1, 1, 30, 30, 6, 6, 6, 6};
+  Args batched{{tensorOf<int16_t>(ElementType::si16, {2, 3, 4}, flat), features}, {2, 3}};
+  Tensor out = pool(batched);
+  ASSERT_EQ(out.shape().vec(), (std::vector<long>{2, 3, 2, 3, 3}));
+  std::vector<int> joined;
+  for (long b = 0; b < 2; ++b) {
+    std::vector<int16_t> rows(flat.begin() + b * 12, flat.begin() + (b + 1) * 12);
+    for (int v : ints(pool({{tensorOf<int16_t>(ElementType::si16, {3, 4}, rows), imageOf(features, b)}, {2, 3}})))
+      joined.push_back(v);
+  }
+  EXPECT_EQ(ints(out), joined);
+  // The last two entries of a 6-wide row are not read.
+  Args wide{{rois({{0, 0, 12, 20, -7, 99}, {3, 5, 9, 9, 1234, -1}}), imageOf(features, 0)}, {2, 3}};
+  Args narrow{{rois({{0, 0, 12, 20}, {3, 5, 9, 9}}), imageOf(features, 0)}, {2, 3}};
+  EXPECT_EQ(ints(pool(wide)), ints(pool(narrow)));
+}
+
+namespace {
+
+// floor(log2(stride)) by doubling.
+int shiftOf(int64_t stride) {
+  int k = 0;
+  while ((int64_t(2) << k) <= stride) ++k;
+  return k;
+}
+
+// A wide reference in pixel terms: bins as int64 floor divisions, sample
+// positions as doubles in pixels, the four-neighbour blend as one exact
+// double rounded half up, and the level as the last whose size threshold
+// canonicalBoxSize * 2^(level - canonicalLevel + k0) the box reaches.
+std::vector<int> reference(const std::vector<std::vector<int16_t>>& boxes, const std::vector<Tensor>& maps,
+                           const std::vector<int64_t>& strides, long ph, long pw, int64_t boxSize, int64_t canonical) {
+  std::vector<int> out;
+  const long channels = maps[0].dim(2);
+  for (const auto& b : boxes) {
+    const int64_t w = b[2] - b[0], h = b[3] - b[1];
+    if (w <= 0 || h <= 0) {
+      out.insert(out.end(), size_t(ph * pw * channels), 0);
+      continue;
+    }
+    const double t = std::sqrt((double(w) / 4 + 1) * (double(h) / 4 + 1));
+    size_t level = 0;
+    while (level + 1 < maps.size() &&
+           double(boxSize) * std::ldexp(1.0, int(level + 1) - int(canonical) + shiftOf(strides[0])) <= t)
+      ++level;
+    const Tensor& m = maps[level];
+    const int64_t one = int64_t(4) << shiftOf(strides[level]);
+    auto sample = [one](int64_t start, int64_t bin, long cell, long extent, long& index, double& frac) {
+      const int64_t pos = std::clamp<int64_t>(start + cell * bin, 0, (extent - 1) * one);
+      const double pixel = double(pos) / double(one);
+      index = std::min(long(std::floor(pixel)), extent - 2);
+      frac = pixel - double(index);
+    };
+    for (long i = 0; i < ph; ++i)
+      for (long j = 0; j < pw; ++j)
+        for (long c = 0; c < channels; ++c) {
+          long y0, x0;
+          double fy, fx;
+          sample(b[1], (h + one) / ph, i, m.dim(0), y0, fy);
+          sample(b[0], (w + one) / pw, j, m.dim(1), x0, fx);
+          auto f = [&](long y, long x) { return y < 0 || x < 0 ? 0.0 : double(m.at<int8_t>({y, x, c})); };
+          const double v = f(y0, x0) * (1 - fy) * (1 - fx) + f(y0, x0 + 1) * (1 - fy) * fx +
+                           f(y0 + 1, x0) * fy * (1 - fx) + f(y0 + 1, x0 + 1) * fy * fx;
+          out.push_back(int(std::floor(v + 0.5)));
+        }
+  }
+  return out;
+}
+
+}  // namespace
+
+TEST(RoiAlign, MatchesAWidePixelReferenceOnRandomBoxes) {
+  std::mt19937 rng(7);
+  auto uniform = [&](int lo, int hi) { return lo + int(rng() % unsigned(hi - lo + 1)); };
+  const std::vector<int64_t> strides = {4, 8, 16};
+  const long sides[3][2] = {{16, 12}, {8, 6}, {3, 1}};
+  const long channels = 19;  // one vector block and a tail
+  for (int round = 0; round < 40; ++round) {
+    const bool strided = round % 2 == 1;  // every other round through channel steps of 2
+    std::vector<Tensor> maps;
+    for (const auto& side : sides) {
+      Tensor full = featureMap({side[0], side[1], channels * 2}, [&](long, long, long) { return uniform(-128, 127); });
+      maps.push_back(strided ? full.slice(2, 0, channels * 2, 2) : full.slice(2, 0, channels));
+    }
+    std::vector<std::vector<int16_t>> boxes;
+    for (int n = 0; n < 6; ++n) {
+      const int x1 = uniform(-40, 260), y1 = uniform(-40, 200);
+      boxes.push_back({int16_t(x1), int16_t(y1), int16_t(x1 + uniform(-8, 300)), int16_t(y1 + uniform(-8, 250))});
+    }
+    Args a{{rois(boxes)}, {uniform(1, 5), uniform(1, 5)}, strides};
+    a.inputs.insert(a.inputs.end(), maps.begin(), maps.end());
+    a.boxSize = 16;
+    a.level = 3;
+    Tensor out;
+    ASSERT_TRUE(configure(out, a).ok());
+    if (strided) {
+      std::vector<long> wide = out.shape().vec();
+      wide.back() *= 2;
+      out = Tensor::create(ElementType::si8, wide).slice(3, 1, wide.back(), 2);
+    } else {
+      out.allocate();
+    }
+    ASSERT_TRUE(compute(out, a).ok());
+    EXPECT_EQ(ints(out), reference(boxes, maps, strides, a.shape[0], a.shape[1], 16, 3)) << "round " << round;
+  }
+}
+
+TEST(RoiAlign, AllSixRegistrationsAgree) {
+  std::mt19937 rng(5);
+  const std::vector<int64_t> strides = {4, 8, 16, 32, 64};
+  std::vector<Tensor> maps;
+  for (long l = 0; l < 5; ++l)
+    maps.push_back(featureMap({32 >> l, 32 >> l, 3}, [&](long, long, long) { return int(rng() % 256) - 128; }));
+  std::vector<std::vector<int16_t>> boxes;
+  for (int n = 0; n < 10; ++n) {
+    const int16_t x1 = int16_t(rng() % 400), y1 = int16_t(rng() % 400), size = int16_t(8 << (n % 6));
+    boxes.push_back({x1, y1, int16_t(x1 + size), int16_t(y1 + size * 3 / 4)});
+  }
+  const Tensor r = rois(boxes);
+  for (size_t k = 1; k <= 5; ++k) {
+    const std::vector<Argument> attributes = {std::vector<int64_t>{2, 3}, std::vector<int64_t>(strides.begin(), strides.begin() + long(k)),
+                                              1, "bilinear", 32, 4, std::vector<double>{0.125, 0, 0.125, 0}};
+    std::vector<Tensor> listed = {r};
+    std::vector<Argument> separate = {r};
+    for (size_t l = 0; l < k; ++l) listed.push_back(maps[l]), separate.push_back(maps[l]);
+    std::vector<Argument> asList = {listed};
+    asList.insert(asList.end(), attributes.begin(), attributes.end());
+    separate.insert(separate.end(), attributes.begin(), attributes.end());
+    std::vector<Tensor> viaList, viaArguments;
+    ASSERT_TRUE(invoke("mira::RoiAlign", viaList, asList).ok());
+    const Status s = invoke(fmt::format("mira::RoiAlign{}", k), viaArguments, separate);
+    ASSERT_TRUE(s.ok()) << s.message();
+    EXPECT_EQ(ints(viaList[0]), ints(viaArguments[0])) << k << " maps";
+    EXPECT_NE(ints(viaList[0]), std::vector<int>(viaList[0].numElements(), 0));
+  }
+  // Trailing attributes left out take their defaults.
+  std::vector<Tensor> explicitOut, defaultOut;
+  ASSERT_TRUE(invoke("mira::RoiAlign2", explicitOut,
+                     {r, maps[0], maps[1], std::vector<int64_t>{2, 2}, std::vector<int64_t>{4, 8}, 1, "bilinear", 224,
+                      4, std::vector<double>{}}).ok());
+  ASSERT_TRUE(invoke("mira::RoiAlign2", defaultOut,
+                     {r, maps[0], maps[1], std::vector<int64_t>{2, 2}, std::vector<int64_t>{4, 8}}).ok());
+  EXPECT_EQ(ints(explicitOut[0]), ints(defaultOut[0]));
+}
+
+TEST(RoiAlign, ConfigChecksInOrderWithTheirWords) {
+  auto shaped = [](std::vector<long> shape, ElementType type = ElementType::si8) { return Tensor(type, shape); };
+  const Tensor r2 = shaped({5, 4}, ElementType::si16), r3 = shaped({2, 5, 4}, ElementType::si16);
+  auto batchedMaps = [&](Args& a, Tensor rois, long batch0, long batch1) {
+    a.inputs = {rois, shaped({batch0, 8, 8, 16}), shaped({batch1, 4, 4, 16})};
+  };
+  struct Case {
+    std::function<void(Args&, Tensor&)> change;
+    std::string reason;
+  };
+  const Case cases[] = {
+      {[](Args& a, Tensor&) { a.inputs.clear(); }, "The rank of input rois only support 2 and 3, but got 0."},
+      {[&](Args& a, Tensor&) { a.inputs[0] = shaped({4}, ElementType::si16); },
+       "The rank of input rois only support 2 and 3, but got 1."},
+      {[&](Args& a, Tensor&) { a.inputs = {r2}; },
+       "The rank of input rois is 2, expect input feature rank is 3, but got 0."},
+      {[&](Args& a, Tensor&) { a.inputs[1] = shaped({1, 8, 8, 16}); },
+       "The rank of input rois is 2, expect input feature rank is 3, but got 4."},
+      {[&](Args& a, Tensor&) { a.inputs[0] = r3; },
+       "The rank of input rois is 3, expect input feature rank is 4, but got 3."},
+      {[&](Args& a, Tensor&) { a.inputs[0] = shaped({5, 5}, ElementType::si16), a.shape = {7}; },
+       "Roi c channel only support 4 or 6, but got 5."},
+      {[](Args& a, Tensor&) { a.shape = {7}; }, "Attribute shape should be size of 2, but got 1."},
+      {[&](Args& a, Tensor&) { a.inputs[2] = shaped({1, 4, 4, 16}); },
+       "The rank of the rest input features must be the same to the first feature rank 3, but got 4"},
+      {[&](Args& a, Tensor&) { batchedMaps(a, r3, 2, 3); },
+       "Input batch must be the same, roi batch is 2, but got input feature[1] batch 3"},
+      {[](Args& a, Tensor&) { a.strides = {8}; },
+       "The number of feature strides in the input should be consistent with the number of feature inputs."},
+      {[](Args& a, Tensor&) { a.ratio = 2; }, "sampling ration should be equal with 1, but it is 2"},
+      {[](Args& a, Tensor&) { a.mode = "nearest"; }, "interpolate mode should be equal with bilinear, but got nearest"},
+      {[&](Args& a, Tensor&) { batchedMaps(a, shaped({-1, -1, 4}, ElementType::si16), -1, -1); },
+       "RoiAlign only support one dynamic axis for box num, roi has 2 dynamic dims."},
+      {[&](Args& a, Tensor&) { batchedMaps(a, shaped({-1, 5, 4}, ElementType::si16), -1, -1); },
+       "RoiAlign dynamic dim must be 0 when roi rank is 2, must be 1 when roi rank is 3, given roi rank is 3, "
+       "dynamic dim is 0."},
+      {[](Args&, Tensor& fout) { fout.setElementType(ElementType::si16); },
+       "For RoiAlign, the type of feature should consistent with the type of output"},
+      {[&](Args& a, Tensor&) { a.inputs[2] = shaped({4, 4, 16}, ElementType::si16); },
+       "For RoiAlign, the type of feature should consistent with the type of output"},
+      {[](Args& a, Tensor&) { a.shape = {7, -1}; }, "Attribute shape should not be negative, but got [7, -1]."},
+  };
+  for (const Case& c : cases) {
+    Args a{{r2, shaped({8, 8, 16}), shaped({4, 4, 16})}, {7, 7}, {8, 16}};
+    Tensor fout;
+    c.change(a, fout);
+    const ElementType before = fout.elementType();
+    EXPECT_EQ(configure(fout, a).message(), "RoiAlign config error: " + c.reason);
+    EXPECT_EQ(fout.rank(), 0u) << c.reason;
+    EXPECT_EQ(fout.elementType(), before);
+  }
+  struct Good {
+    Tensor rois;
+    long batch;
+    std::vector<long> shape;
+  };
+  const Good good[] = {{r2, 0, {5, 7, 7, 16}},
+                       {shaped({-1, 6}, ElementType::si16), 0, {-1, 7, 7, 16}},
+                       {r3, 2, {2, 5, 7, 7, 16}},
+                       {shaped({2, -1, 4}, ElementType::si16), 2, {2, -1, 7, 7, 16}}};
+  for (const Good& g : good) {
+    Args a{{g.rois, shaped({8, 8, 16}), shaped({4, 4, 16})}, {7, 7}, {8, 16}};
+    if (g.batch) batchedMaps(a, g.rois, g.batch, g.batch);
+    Tensor fout;
+    ASSERT_TRUE(configure(fout, a).ok());
+    EXPECT_EQ(fout.type(), TensorType(ElementType::si8, g.shape));
+  }
+  Tensor fout;
+  EXPECT_EQ(mira::RoiAlign2Config(fout, r2, shaped({8, 8, 16}), shaped({4, 4, 16}), {7, 7}, {8, 16}, 3, "bilinear",
+                                  224, 4, {})
+                .message(),
+            "RoiAlign config error: sampling ration should be equal with 1, but it is 3");
+}
+
+TEST(RoiAlign, RunTimeFailuresNameTheirCause) {
+  // A floating output is zeroed, the only write a failure makes.
+  Tensor floating = Tensor::create(ElementType::f32, {3, 3, 1});
+  std::memset(floating.data<char>().data(), 0x3f, floating.byteSpan());
+  Args a{{rois({{0, 0, 8, 8}}), floating}, {2, 1}};
+  Tensor out;
+  ASSERT_TRUE(configure(out, a).ok());
+  out.allocate();
+  std::memset(out.data<char>().data(), 0x3f, out.byteSpan());
+  EXPECT_EQ(compute(out, a).message(),
+            "Currently, only the fixed-point version of RoiAlign is supported. output was set 0");
+  EXPECT_EQ(valuesOf<float>(out), (std::vector<float>{0, 0}));
+
+  struct Case {
+    std::function<void(Args&, Tensor&)> change;
+    std::string cause;
+  };
+  const Case cases[] = {
+      {[](Args& a, Tensor&) { a.strides = {0, 2}; }, "RoiAlign: feature stride 0 is not in [1, 2^14)"},
+      {[](Args& a, Tensor&) { a.strides = {1, 16384}; }, "RoiAlign: feature stride 16384 is not in [1, 2^14)"},
+      {[](Args& a, Tensor&) { a.inputs[2] = featureMap({2, 2, 3}, [](long, long, long) { return 0; }); },
+       "RoiAlign: feature[1] has 3 channels, feature[0] 2"},
+      {[](Args& a, Tensor&) { a.inputs[0] = tensorOf<int64_t>(ElementType::si64, {1, 4}, {0, 0, 8, 8}); },
+       "RoiAlign: rois of type si64"},
+      {[](Args& a, Tensor& out) {
+         for (size_t i = 1; i < 3; ++i) a.inputs[i] = a.inputs[i].view(ElementType::ui8);
+         out = out.view(ElementType::ui8);
+       },
+       "RoiAlign: features of type ui8"},
+      {[](Args&, Tensor& out) { out = Tensor::create(ElementType::si8, {1, 2, 1, 2}); },
+       "RoiAlign: fout is Tensor<si8,1x2x1x2,4x2x2x1>, expected the shape [1, 1, 1, 2]"},
+      {[](Args& a, Tensor&) { a.ratio = 2; }, "RoiAlign: sampling ratio 2 and mode bilinear are not 1 and bilinear"},
+  };
+  for (const Case& c : cases) {
+    Args args{{rois({{0, 0, 8, 8}}), rampMap(), featureMap({2, 2, 2}, [](long, long, long) { return 1; })},
+              {1, 1}, {1, 2}};
+    Tensor fout = Tensor::create(ElementType::si8, {1, 1, 1, 2});
+    c.change(args, fout);
+    std::memset(fout.data<char>().data(), 0x5a, fout.byteSpan());
+    test::LogCapture log;
+    EXPECT_EQ(compute(fout, args).message(), "Compute quantized roi align error");
+    ASSERT_EQ(log.messages.size(), 1u) << c.cause;
+    EXPECT_EQ(log.messages[0], std::make_pair(LogLevel::warn, c.cause));
+    for (int8_t v : valuesOf<int8_t>(fout)) EXPECT_EQ(v, 0x5a) << c.cause;
+  }
+}
+
+TEST(RoiAlign, TracesTheStepsOfOneElement) {
+  Args a{{rois({{0, 8, 4, 20}, {4, 0, 4, 8}}), rampMap()}, {2, 1}};
+  const std::vector<int> untraced = ints(pool(a));
+  struct Case {
+    std::vector<long> point;
+    std::vector<std::string> lines;
+  };
+  const Case cases[] = {
+      {{0, 1, 0, 1},
+       {"box[0] = rois[0] // [x1, y1, x2, y2] -> [0, 8, 4, 20]", "level[0] = 0 // one feature map -> 0",
+        "binH = ((y2 - y1 + one) << F) / (pooledH << F) // ((20 - 8 + 4) << 2) / (2 << 2) -> 8",
+        "binW = ((x2 - x1 + one) << F) / (pooledW << F) // ((4 - 0 + 4) << 2) / (1 << 2) -> 8",
+        "y = max(min(y1 + i * binH, (H - 1) << F), 0) // max(min(8 + 1 * 8, 8), 0) -> 8",
+        "y0 = min(y >> F, H - 2) // min(8 >> 2, 1) -> 1", "ly = y - (y0 << F) // 8 - (1 << 2) -> 4",
+        "hy = one - ly // 4 - 4 -> 0",
+        "x = max(min(x1 + j * binW, (W - 1) << F), 0) // max(min(0 + 0 * 8, 8), 0) -> 0",
+        "x0 = min(x >> F, W - 2) // min(0 >> 2, 1) -> 0", "lx = x - (x0 << F) // 0 - (0 << 2) -> 0",
+        "hx = one - lx // 4 - 0 -> 4", "f00 = feature0[1, 0, 1] -> -10", "f01 = feature0[1, 1, 1] -> -30",
+        "f10 = feature0[2, 0, 1] -> -20", "f11 = feature0[2, 1, 1] -> -40",
+        "top = f00 * hx + f01 * lx // -10 * 4 + -30 * 0 -> -40",
+        "bottom = f10 * hx + f11 * lx // -20 * 4 + -40 * 0 -> -80",
+        "v = top * hy + bottom * ly + 2^(2F - 1) // -40 * 0 + -80 * 4 + 8 -> -312",
+        "fout[0, 1, 0, 1] = v >> 2F // -312 >> 4 -> -20"}},
+      {{1, 0, 0, 0},
+       {"box[1] = rois[1] // [x1, y1, x2, y2] -> [4, 0, 4, 8]", "box[1] invalid // w 0, h 8",
+        "fout[1, 0, 0, 0] = 0 // box[1] is invalid -> 0"}},
+      {{2, 0, 0, 0}, {}},  // outside the output
+      {{0, 0, 0}, {}},     // another rank
+  };
+  for (const Case& c : cases) {
+    test::TraceCapture capture;
+    test::ScopedTracePoint point(c.point);
+    EXPECT_EQ(ints(pool(a)), untraced);
+    EXPECT_EQ(capture.lines(), c.lines);
+  }
+}
+
+using RoiAlignDeathTest = ::testing::Test;
+TEST_F(RoiAlignDeathTest, BrokenInvariantsStopTheProcess) {
+  const char* trapped = "2\\|trapped at lib/Mira/RoiAlign, line [0-9]+\n2\\|";
+  Args clip{{rois({{0, 0, 8, 8}}), rampMap()}};
+  clip.clip = {0.1, 0.1, 0.1};
+  Tensor out = Tensor::create(ElementType::si8, {1, 1, 1, 2});
+  EXPECT_DEATH({ test::logToStderr(); (void)compute(out, clip); }, std::string(trapped) + "box clip ratio error");
+
+  // Rank-3 rois over unbatched maps: each roi would be two-dimensional.
+  Args rows{{tensorOf<int16_t>(ElementType::si16, {1, 1, 4}, {0, 0, 8, 8}), rampMap()}};
+  EXPECT_DEATH({ test::logToStderr(); (void)compute(out, rows); },
+               std::string(trapped) + "one roi should be 1 dimension");
+
+  // si16 maps go through the same arithmetic; 200 does not fit the result.
+  Tensor wide = tensorOf<int16_t>(ElementType::si16, {2, 2, 1}, {200, 200, 200, 200});
+  Args overflow{{rois({{0, 0, 4, 4}}), wide}};
+  Tensor out16 = Tensor::create(ElementType::si16, {1, 1, 1, 1});
+  EXPECT_DEATH({ test::logToStderr(); (void)compute(out16, overflow); },
+               std::string(trapped) + "roi align numeric overflow");
+  Tensor fits = tensorOf<int16_t>(ElementType::si16, {2, 2, 1}, {-128, 127, 127, 127});
+  ASSERT_TRUE(compute(out16, {{rois({{2, 0, 6, 4}}), fits}}).ok());
+  EXPECT_EQ(valuesOf<int16_t>(out16), std::vector<int16_t>{0});  // (-128 + 127) / 2 = -0.5 -> 0
+}
