@@ -234,9 +234,9 @@ KORA_API Status DecodeQuantInfo(Tensor& decode, Tensor const& encode, int64_t ch
 /// "quantInfo axis 1 size must be 6", "sumin must be 8bit or 32bit", "fout
 /// must be 8bit or 32bit", "quantInfo and bias axis 0 size must be
 /// identical", then the library's own "decoded quantInfo must be si64", "bias
-/// must be f32, f64 or si32", "{name} scale must hold 1 or {K} values" and
-/// "{name} scale must be positive and finite" (name: fin, weight, sumin,
-/// fout; fin's must hold exactly 1), then "when fin zero point not zero,
+/// must be f32, f64 or si32", "fin scale must hold 1 value", "{name} scale
+/// must hold 1 or {K} values" and "{name} scale must be positive and finite"
+/// (name: fin, weight, sumin, fout), then "when fin zero point not zero,
 /// weight must be valid", "cannot generate input zero point conv2d" (weight
 /// not si8 [K, R, S, Cg], or a zero point outside [-128, 127]), and per
 /// channel "si32 conv does not support rescale, check fout scale", "conv post
