@@ -194,10 +194,8 @@ TEST(ConvMac, BadOperandsFailWithTheirOwnWordsAndWriteNothing) {
   for (const Case& c : cases) {
     Tensor psum = Tensor::create(c.psumType, c.psumShape);
     std::memset(psum.data<char>().data(), 0x5a, psum.byteSpan());
-    const Tensor before = compactCopy(psum);
     EXPECT_EQ(ConvMac(psum, *c.fin, *c.weight, c.pad, 0, c.stride, c.dilation, c.group).message(), c.expected);
-    EXPECT_EQ(test::bitsOf<uint8_t>(psum.view(ElementType::ui8)), test::bitsOf<uint8_t>(before.view(ElementType::ui8)))
-        << c.expected << ": psum must stay untouched";
+    EXPECT_EQ(test::bytesOf(psum), std::vector<uint8_t>(psum.byteSpan(), 0x5a)) << c.expected << ": psum must stay untouched";
   }
 }
 

@@ -31,6 +31,12 @@ inline Tensor compactCopy(const Tensor& t) {
   return c;
 }
 
+/// The bytes a compact tensor spans, to check that a failed call wrote nothing.
+inline std::vector<uint8_t> bytesOf(const Tensor& t) {
+  const auto bytes = t.data<uint8_t>();
+  return std::vector<uint8_t>(bytes.data(), bytes.data() + t.byteSpan());
+}
+
 struct ConvShape {
   long pad[2];
   int8_t padValue;
