@@ -4,6 +4,7 @@
 #include "Kernel/TableBuilder.h"
 #include "kora/Kernel/Registration.h"
 #include "kora/Native/Unary.h"
+#include "kora/Vela/Conv2d.h"
 
 namespace kora {
 
@@ -11,6 +12,9 @@ void buildKernelTable(KernelRegistry& t) {
   using namespace native;
   // native
   registerKernel(t, "native::ReLU", &ReLUConfig, &ReLU);
+  // vela
+  registerKernel(t, "vela::Conv2d", &vela::Conv2dConfig, &vela::Conv2d,
+                 {std::vector<int64_t>{1, 1}, 1, 0, false, false, false});
 }
 
 }  // namespace kora

@@ -29,3 +29,6 @@
 
 #include "kora/Native/Elementwise.h"
 #include "kora/Native/Unary.h"
+
+#include "kora/Vela/Conv2d.h"
+#include "kora/Vela/Intrinsic.h"
