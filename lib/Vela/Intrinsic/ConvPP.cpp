@@ -75,7 +75,8 @@ TOut elementOf(const Coord& at, int32_t psum, const void* sumin, const QuantRegi
 }
 
 /// Every element of psum (channel = last axis) through its channel's
-/// registers regs[k]; sumin may be invalid (no sumin).
+/// registers regs[k]; sumin may be invalid (no sumin). The flags become
+/// constants of the loop, so it carries no per-element branch on them.
 template <class TOut, class TSumin>
 void postProcessAll(const Tensor& fout, const Tensor& psum, const Tensor& sumin, const QuantRegisters* regs,
                     PostProcessFlags flags) {
@@ -86,20 +87,27 @@ void postProcessAll(const Tensor& fout, const Tensor& psum, const Tensor& sumin,
   const StridedWalk<3> walk(rows, {base(fout), base(psum), base(suminOrPsum)},
                             {fout.strides().data(), psum.strides().data(), suminOrPsum.strides().data()});
   const long outStep = fout.stride(-1), psumStep = psum.stride(-1), suminStep = suminOrPsum.stride(-1);
-  static const Coord unused;
-  walk.forEachChunk([&](char* const* p, const long* s, long n) {
-    for (long j = 0; j < n; ++j) {
-      char* out = p[0] + j * s[0];
-      const char* in = p[1] + j * s[1];
-      const char* add = p[2] + j * s[2];
-      for (long k = 0; k < K; ++k) {
-        NoTrace quiet;
-        const int32_t value = *reinterpret_cast<const int32_t*>(in + k * psumStep);
-        *reinterpret_cast<TOut*>(out + k * outStep) =
-            elementOf<TOut, TSumin>(unused, value, add + k * suminStep, regs[k], flags, quiet);
+  auto loop = [&]<bool relu, bool round>() {
+    static const Coord unused;
+    constexpr PostProcessFlags constant{relu, round};
+    walk.forEachChunk([&](char* const* p, const long* s, long n) {
+      for (long j = 0; j < n; ++j) {
+        char* out = p[0] + j * s[0];
+        const char* in = p[1] + j * s[1];
+        const char* add = p[2] + j * s[2];
+        for (long k = 0; k < K; ++k) {
+          NoTrace quiet;
+          const int32_t value = *reinterpret_cast<const int32_t*>(in + k * psumStep);
+          *reinterpret_cast<TOut*>(out + k * outStep) =
+              elementOf<TOut, TSumin>(unused, value, add + k * suminStep, regs[k], constant, quiet);
+        }
       }
-    }
-  });
+    });
+  };
+  if (flags.relu)
+    flags.round ? loop.template operator()<true, true>() : loop.template operator()<true, false>();
+  else
+    flags.round ? loop.template operator()<false, true>() : loop.template operator()<false, false>();
 }
 
 /// The registers of every (table, channel), ready for the loop.
