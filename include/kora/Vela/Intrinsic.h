@@ -48,9 +48,10 @@ namespace kora::vela::intrinsic {
 /// weight must be 4: [k, r, s, c]", "tensor group number invalid" (also for
 /// group < 1 and for K not a multiple of group), "k of weight and psum must
 /// be same", "wrong size of pad", "wrong size of stride, dilation"; then the
-/// library's own: "rank of conv input and output must be 4: [n, h, w, c]",
-/// "batch of conv input and output must be same", "conv window parameters
-/// must lie within [-2^30, 2^30]".
+/// library's own: "conv operands must hold data" (fin, weight), "rank of conv
+/// input and output must be 4: [n, h, w, c]", "batch of conv input and output
+/// must be same", "conv window parameters must lie within [-2^30, 2^30]",
+/// and "conv operands must hold data" for psum.
 KORA_API Status ConvMac(Tensor& psum, Tensor const& fin, Tensor const& weight, ArrayRef<int64_t> pad, int64_t padValue,
                         ArrayRef<int64_t> stride, ArrayRef<int64_t> dilation, int64_t group);
 
@@ -65,7 +66,8 @@ KORA_API Status ConvMac(Tensor& psum, Tensor const& fin, Tensor const& weight, A
 /// greater than 3" (for a fout rank below 3), "fin fout axis {} must be
 /// identical" for each leading axis, "fout axis -2 must be fin axis -3 times
 /// fin axis -2"; then the library's own: "fout axis -1 must be fin axis -1",
-/// "fin and fout must have the same element type".
+/// "fin and fout must have the same element type", "fin and fout must hold
+/// data".
 KORA_API Status ConvZigzagWeight(Tensor& fout, Tensor const& fin);
 
 /// MAC over a weight in zigzag tap order (the layout ConvZigzagWeight makes):
@@ -89,7 +91,7 @@ KORA_API Status ConvZigzagWeight(Tensor& fout, Tensor const& fin);
 /// group); then the library's own ones of ConvMac for fin and psum, "rank of
 /// zigzag conv weight must be 3: [k, t, c]", and "wrong size of pad, stride
 /// or kernel" again when R or S is below 1, firstTap is negative or firstTap
-/// + T exceeds R * S.
+/// + T exceeds R * S, and "conv operands must hold data" for psum.
 KORA_API Status ConvZigzagMac(Tensor& psum, Tensor const& fin, Tensor const& weight, ArrayRef<int64_t> pad,
                               ArrayRef<int64_t> kernel, int64_t padValue, ArrayRef<int64_t> stride, int64_t group,
                               int64_t firstTap);
@@ -113,8 +115,9 @@ KORA_API Status ConvZigzagMac(Tensor& psum, Tensor const& fin, Tensor const& wei
 /// "rank of sparse conv weight must be 3: [k, t, c]", "channel number for
 /// conv weight and output must be same", "channel number of sparse conv
 /// weight and input must be same", "sparse index must be si32 or si64 of
-/// shape [k, t]", "kernel size must be positive", and "sparse index must be
-/// less than kerH * kerW".
+/// shape [k, t]", "kernel size must be positive", "conv operands must hold
+/// data" for psum, and "sparse index must be less than kerH * kerW" (every
+/// index is checked before anything is written).
 KORA_API Status ConvSparseMac(Tensor& psum, Tensor const& fin, Tensor const& weight, Tensor const& index,
                               ArrayRef<int64_t> kernel, ArrayRef<int64_t> pad, int64_t padValue,
                               ArrayRef<int64_t> stride);
@@ -147,7 +150,8 @@ KORA_API Status ConvSparseMac(Tensor& psum, Tensor const& fin, Tensor const& wei
 /// Checks, in order: "Incorrect lut range size" (ranges not of 12 values),
 /// then the library's own "Incorrect lut table size" (table not of 65
 /// entries), "lut input must be si8 or si16", "lut output must be si8 or
-/// si16", "shape of lut input and output must be identical".
+/// si16", "shape of lut input and output must be identical", "lut input and
+/// output must hold data". The trace point names an element of fout.
 KORA_API Status ConvLut(Tensor& fout, Tensor const& fin, ArrayRef<int16_t> table, ArrayRef<int64_t> ranges);
 
 // ---------------------------------------------------------------------------
@@ -181,10 +185,11 @@ KORA_API Status ConvLut(Tensor& fout, Tensor const& fin, ArrayRef<int16_t> table
 /// decode tensors must be at least rank 2", "encode and decode tensor axis -2
 /// must be identical", the library's own "encode and decode tensor axis {}
 /// must be identical" for a leading axis, "decode tensor axis -1 must be 6",
-/// "encode tensor axis -1 must be either 1 or 2", then per row "i32
-/// suminRShift must be one of [8, 0, -8], but got {}" (all rows are checked
-/// before any is written). The trace point names an element of encode; its
-/// whole row is traced.
+/// "encode tensor axis -1 must be either 1 or 2", the library's own "encode
+/// and decode tensors must hold data", then per row "i32 suminRShift must be
+/// one of [8, 0, -8], but got {}" (all rows are checked before any is
+/// written). The trace point names an element of encode; its whole row is
+/// traced, starting with the decoded row it reads.
 KORA_API Status EncodeQuantInfo(Tensor& encode, Tensor const& decode);
 
 /// Unpacks each channel's words into a decoded row. `channelBase` is the
@@ -280,10 +285,12 @@ KORA_API Status GenQuantInfo(Tensor& quantInfo, Tensor const& weight, Tensor con
 /// identical", "decoded quantInfo must be si64", "quantInfo rank must be
 /// either 2 or 3", "decoded quantInfo axis -1 be 6", "quantInfo axis -2 must
 /// be greater or equal to psum axis -1" (at least 1 row with perTensor); then
-/// the library's own "quantInfo axis 0 must be 1 or psum axis 0", "fout must
-/// be si8, si16 or si32", "sumin must be 8bit or 32bit", "shape of psum and
-/// sumin must be identical", and for a 32-bit sumin "i32 suminRShift must be
-/// one of [8, 0, -8], but got {}".
+/// the library's own "psum must have a channel axis", "quantInfo axis 0 must
+/// be 1 or psum axis 0", "fout must be si8, si16 or si32", "sumin must be
+/// 8bit or 32bit", "shape of psum and sumin must be identical",
+/// "post-process operands must hold data", and for a 32-bit sumin "i32
+/// suminRShift must be one of [8, 0, -8], but got {}" (rows in use only).
+/// The trace point names an element of fout.
 KORA_API Status ConvPP(Tensor& fout, Tensor const& psum, Tensor const& quantInfo, Tensor const& sumin, bool relu,
                        bool round, bool perTensor);
 
