@@ -46,7 +46,7 @@ int32_t lutElement(int32_t x, const LutRange* ranges, const int16_t* table, Trac
   // The table sits in two banks by position parity; the left neighbour of the
   // interval is in the even bank or the odd one.
   const int32_t left = select + kSelectBias;
-  const bool leftEven = left % 2 == 0;
+  const bool leftEven = (left & 1) == 0;
   const int32_t evenAt = leftEven ? left : left + 1, oddAt = leftEven ? left + 1 : left;
   const int32_t even = table[evenAt], odd = table[oddAt];
   KORA_TRACE(trace, " odd = table[{:2}] = {:6}", oddAt, odd);

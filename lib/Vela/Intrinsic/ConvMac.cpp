@@ -148,12 +148,12 @@ Status ConvZigzagWeight(Tensor& fout, Tensor const& fin) {
     for (long j = 0; j < n; ++j) {
       char* out = base[0] + j * step[0];
       const char* in = base[1] + j * step[1];
-      for (long i = 0; i < H * W; ++i) {
-        long h, q;
-        zigzagTap(i, H, h, q);
-        for (long c = 0; c < C; ++c)
-          std::memcpy(out + i * outRow + c * outElem, in + h * inRow + q * inCol + c * inElem, size_t(width));
-      }
+      for (long q = 0, i = 0; q < W; ++q)
+        for (long j = 0; j < H; ++j, ++i) {
+          const long h = q % 2 == 0 ? j : H - 1 - j;  // down the even columns, up the odd ones
+          for (long c = 0; c < C; ++c)
+            std::memcpy(out + i * outRow + c * outElem, in + h * inRow + q * inCol + c * inElem, size_t(width));
+        }
     }
   });
   return Status::success();
