@@ -5,6 +5,7 @@
 #include "kora/Kernel/Registration.h"
 #include "kora/Mira/RoiAlign.h"
 #include "kora/Native/Unary.h"
+#include "kora/Vela/Conv2d.h"
 
 namespace kora {
 
@@ -23,6 +24,9 @@ void buildKernelTable(KernelRegistry& t) {
     registerKernel(t, "mira::RoiAlign4", &mira::RoiAlign4Config, &mira::RoiAlign4, roiAlignDefaults);
     registerKernel(t, "mira::RoiAlign5", &mira::RoiAlign5Config, &mira::RoiAlign5, roiAlignDefaults);
   }
+  // vela
+  registerKernel(t, "vela::Conv2d", &vela::Conv2dConfig, &vela::Conv2d,
+                 {std::vector<int64_t>{1, 1}, 1, 0, false, false, false});
 }
 
 }  // namespace kora

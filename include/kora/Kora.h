@@ -31,3 +31,5 @@
 #include "kora/Native/Unary.h"
 
 #include "kora/Mira/RoiAlign.h"
+#include "kora/Vela/Conv2d.h"
+#include "kora/Vela/Intrinsic.h"

@@ -76,6 +76,7 @@ TEST(FixedPoint, BitFields) {
   EXPECT_EQ(signExtend(0x10000, 17), -65536);
 }
 
+<<<<<<< HEAD
 TEST(FixedPoint, DivisionByZeroGivesZero) {
   EXPECT_EQ(divideOrZero<uint32_t>(7, 0), 0u);
   EXPECT_EQ(divideOrZero<uint32_t>(0xffffffffu, 1), 0xffffffffu);
@@ -102,4 +103,29 @@ TEST(FixedPoint, RoundHalfAwayThenSaturate) {
     const int64_t magnitude = ((quarters < 0 ? -quarters : quarters) + 2) / 4;  // ties away from zero
     ASSERT_EQ(roundHalfAwaySaturate<int32_t>(double(quarters) / 4), quarters < 0 ? -magnitude : magnitude);
   }
+=======
+TEST(FixedPoint, DirectionalShiftsAndRegisterWidths) {
+  struct Case {
+    int64_t value;
+    int n;
+    int64_t expected;
+  };
+  const Case cases[] = {{-3, 1, -2}, {1280, 8, 5}, {-1, 8, -1}, {5, -8, 1280}, {-5, -8, -1280}, {7, 0, 7},
+                        {int64_t(1) << 62, -1, INT64_MIN}};  // bits leave the top as in a hardware shifter
+  for (const Case& c : cases) EXPECT_EQ(shiftRightOrLeft(c.value, c.n), c.expected) << c.value << " by " << c.n;
+  std::mt19937_64 rng(11);
+  for (int i = 0; i < 100000; ++i) {
+    const int64_t v = int64_t(rng()) >> 24;
+    const int n = int(rng() % 41) - 20;
+    const int64_t expected = n >= 0 ? floorDiv(v, int64_t(1) << n) : v * (int64_t(1) << -n);
+    ASSERT_EQ(shiftRightOrLeft(v, n), expected) << v << " by " << n;
+  }
+  EXPECT_EQ(shiftRightLogical32(0x80000000u, 31), 1u);
+  EXPECT_EQ(shiftRightLogical32(0x80000000u, 32), 0x80000000u) << "the amount is taken modulo 32";
+  EXPECT_EQ(shiftRightLogical32(0xffffffffu, 36), 0x0fffffffu);
+  EXPECT_EQ(truncateToInt32(int64_t(1) << 32), 0);
+  EXPECT_EQ(truncateToInt32((int64_t(1) << 32) - 1), -1);
+  EXPECT_EQ(truncateToInt32(int64_t(INT32_MAX) + 1), INT32_MIN);
+  EXPECT_EQ(truncateToInt32(-5), -5);
+>>>>>>> issue6
 }

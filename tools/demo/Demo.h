@@ -39,5 +39,6 @@ inline bool run(const char* name, std::vector<kora::Tensor>& outputs, std::vecto
 void showKernelTable();
 void runElementwise();
 void runRoiAlign();
+void runVelaConv();
 
 }  // namespace demo

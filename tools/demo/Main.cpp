@@ -8,5 +8,6 @@ int main() {
   demo::showKernelTable();
   demo::runElementwise();
   demo::runRoiAlign();
+  demo::runVelaConv();
   return 0;
 }

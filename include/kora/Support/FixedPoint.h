@@ -119,4 +119,21 @@ constexpr int64_t signExtend(uint64_t value, unsigned bits) {
   return int64_t(field ^ sign) - int64_t(sign);
 }
 
+/// A shifter whose signed amount chooses the direction: n >= 0 shifts right
+/// arithmetically (floor), n < 0 shifts left by -n, wrapping bits out of the
+/// top. |n| must be below the bits of T. Post-process units use it for
+/// rescale shifts that may run either way.
+template <class T>
+constexpr T shiftRightOrLeft(T value, int n) {
+  return n >= 0 ? shiftRightArithmetic(value, unsigned(n)) : shiftLeftWrap(value, unsigned(-n));
+}
+
+/// Logical (zero-filling) right shift of a 32-bit register by s modulo 32, as
+/// a barrel shifter that only decodes the low five bits of its amount.
+constexpr uint32_t shiftRightLogical32(uint32_t value, unsigned s) { return value >> (s & 31u); }
+
+/// The low 32 bits of `value` read as two's complement: what a 32-bit
+/// register keeps of a wider value.
+constexpr int32_t truncateToInt32(int64_t value) { return int32_t(uint32_t(uint64_t(value))); }
+
 }  // namespace kora::fixed

@@ -1,0 +1,256 @@
+// The first generation's post-process over whole tensors (decoded or encoded
+// quant info), and the MAC followed by it.
+#include <array>
+#include <cstring>
+
+#include "Vela/Intrinsic/MacEngine.h"
+#include "Vela/Intrinsic/PostProcess.h"
+#include "Vela/Intrinsic/QuantInfo.h"
+#include "kora/Support/Dispatch.h"
+#include "kora/Support/StridedWalk.h"
+#include "kora/Vela/Intrinsic.h"
+
+namespace kora::vela::intrinsic {
+
+namespace {
+
+using namespace detail;
+
+/// The first generation's sumin rescale (step 3 of the pipeline): an 8-bit
+/// sumin is multiplied by its 15-bit scale and shifted; a 32-bit sumin is
+/// only shifted (by 8 either way, or not at all).
+template <class TSumin>
+struct AddSumin {
+  const Coord& at;
+  TSumin value;
+  int64_t scale;
+  int rshift;
+
+  template <class Trace>
+  int64_t operator()(Trace& trace, int64_t psum64) const {
+    int64_t rescaled;
+    if constexpr (sizeof(TSumin) == 1) {
+      rescaled = int64_t(value) * scale;  // below 2^22 in magnitude
+      KORA_TRACE(trace, "rescaledSumin = sumin8{} * suminScale //  {} * {} -> {}", at, int(value), scale, rescaled);
+      rescaled = fixed::shiftRightOrLeft(rescaled, rshift);  // shift in [-13, 22]
+      if (rshift < 0)
+        KORA_TRACE(trace, "rescaledSumin = rescaledSumin << (-1 * suminRShift({})) // {}", rshift, rescaled);
+      else
+        KORA_TRACE(trace, "rescaledSumin = rescaledSumin >> suminRShift({})) // {}", rshift, rescaled);
+    } else {
+      KORA_TRACE(trace, "sumin32 = sumin{} // {}", at, value);
+      rescaled = fixed::shiftRightOrLeft(int64_t(value), rshift);  // shift 8, 0 or -8
+      if (rshift < 0)
+        KORA_TRACE(trace, "rescaledSumin = sumin32 << (-1 * suminRShift) // {} << (-1 * {}) -> {}", value, rshift,
+                   rescaled);
+      else
+        KORA_TRACE(trace, "rescaledSumin = sumin32 >> suminRShift // {} >> {} -> {}", value, rshift, rescaled);
+    }
+    psum64 += rescaled;
+    KORA_TRACE(trace, "psum64 += rescaledSumin //  {}", psum64);
+    return psum64;
+  }
+};
+
+PostProcessStage stageOf(const QuantRegisters& q) {
+  PostProcessStage s;
+  s.bias = q.bias;
+  s.preRShift = q.preRShift;
+  s.scale = q.scale;
+  s.postRShift = q.postRShift;
+  return s;
+}
+
+/// One element with the first generation's registers; TSumin is void without
+/// sumin.
+template <class TOut, class TSumin, class Trace>
+TOut elementOf(const Coord& at, int32_t psum, const void* sumin, const QuantRegisters& q, PostProcessFlags flags,
+               Trace& trace) {
+  if constexpr (std::is_void_v<TSumin>) {
+    return postProcessElement<TOut>(at, psum, stageOf(q), NoSumin{}, flags, trace);
+  } else {
+    const AddSumin<TSumin> add{at, *static_cast<const TSumin*>(sumin), int64_t(q.suminScale), q.suminRShift};
+    return postProcessElement<TOut>(at, psum, stageOf(q), add, flags, trace);
+  }
+}
+
+/// Every element of psum (channel = last axis) through its channel's
+/// registers regs[k]; sumin may be invalid (no sumin). The flags become
+/// constants of the loop, so it carries no per-element branch on them.
+template <class TOut, class TSumin>
+void postProcessAll(const Tensor& fout, const Tensor& psum, const Tensor& sumin, const QuantRegisters* regs,
+                    PostProcessFlags flags) {
+  const long K = psum.dim(-1);
+  const Tensor& suminOrPsum = std::is_void_v<TSumin> ? psum : sumin;
+  auto base = [](const Tensor& t) { return t.storage()->data() + t.offset(); };
+  const ArrayRef<long> rows = psum.shape().slice(0, psum.rank() - 1);
+  const StridedWalk<3> walk(rows, {base(fout), base(psum), base(suminOrPsum)},
+                            {fout.strides().data(), psum.strides().data(), suminOrPsum.strides().data()});
+  const long outStep = fout.stride(-1), psumStep = psum.stride(-1), suminStep = suminOrPsum.stride(-1);
+  auto loop = [&]<bool relu, bool round>() {
+    static const Coord unused;
+    constexpr PostProcessFlags constant{relu, round};
+    walk.forEachChunk([&](char* const* p, const long* s, long n) {
+      for (long j = 0; j < n; ++j) {
+        char* out = p[0] + j * s[0];
+        const char* in = p[1] + j * s[1];
+        const char* add = p[2] + j * s[2];
+        for (long k = 0; k < K; ++k) {
+          NoTrace quiet;
+          const int32_t value = *reinterpret_cast<const int32_t*>(in + k * psumStep);
+          *reinterpret_cast<TOut*>(out + k * outStep) =
+              elementOf<TOut, TSumin>(unused, value, add + k * suminStep, regs[k], constant, quiet);
+        }
+      }
+    });
+  };
+  if (flags.relu)
+    flags.round ? loop.template operator()<true, true>() : loop.template operator()<true, false>();
+  else
+    flags.round ? loop.template operator()<false, true>() : loop.template operator()<false, false>();
+}
+
+/// The registers of every (table, channel), ready for the loop.
+struct PostProcessPlan {
+  std::vector<QuantRegisters> regs;  // [tables * channels]
+  long tables = 1;                   // 1, or one table per batch image
+  long channels = 0;
+};
+
+/// All checks of ConvPP / ConvPPEncoded (psum may be a shape without data:
+/// ConvMacPP checks before its psum exists), then the registers.
+Status planPostProcess(const Tensor& fout, const Tensor& psum, const Tensor& quantInfo, const Tensor& sumin,
+                       bool encoded, bool perTensor, PostProcessPlan& plan) {
+  if (psum.elementType() != ElementType::si32) return Status::failure("psum must be si32");
+  if (!psum.sameShape(fout)) return Status::failure("shape of psum and fout must be identical");
+  if (quantInfo.elementType() != ElementType::si64)
+    return Status::failure(encoded ? "encoded and decoded quantInfo must be si64" : "decoded quantInfo must be si64");
+  if (quantInfo.rank() != 2 && quantInfo.rank() != 3) return Status::failure("quantInfo rank must be either 2 or 3");
+  const long width = quantInfo.dim(-1);
+  if (!encoded && width != kDecodedWidth) return Status::failure("decoded quantInfo axis -1 be 6");
+  if (encoded && width != 1 && width != 2) return Status::failure("encode tensor axis -1 must be either 1 or 2");
+  const long K = psum.rank() > 0 ? psum.dim(-1) : 0;
+  if (quantInfo.dim(-2) < (perTensor ? 1 : K))
+    return Status::failure("quantInfo axis -2 must be greater or equal to psum axis -1");
+  if (psum.rank() == 0) return Status::failure("psum must have a channel axis");
+  const long batch = psum.rank() >= 2 ? psum.dim(0) : 1;
+  const long tables = quantInfo.rank() == 3 ? quantInfo.dim(0) : 1;
+  if (tables != 1 && tables != batch) return Status::failure("quantInfo axis 0 must be 1 or psum axis 0");
+  if (!typeIn<TypeList<int8_t, int16_t, int32_t>>(fout.elementType()))
+    return Status::failure("fout must be si8, si16 or si32");
+  const bool hasSumin = sumin.isValid();
+  if (hasSumin && sumin.elementType() != ElementType::si8 && sumin.elementType() != ElementType::si32)
+    return Status::failure("sumin must be 8bit or 32bit");
+  if (hasSumin && !sumin.sameShape(psum)) return Status::failure("shape of psum and sumin must be identical");
+  const bool sumin32 = hasSumin ? sumin.elementType() == ElementType::si32 : encoded && width == 1;
+  if (encoded && hasSumin && sumin32 != (width == 1))
+    return Status::failure("sumin type does not match the quantInfo form");
+  if (!fout.isValid() || !quantInfo.isValid()) return Status::failure("post-process operands must hold data");
+
+  plan.tables = tables;
+  plan.channels = K;
+  plan.regs.resize(size_t(tables * K));
+  for (long x = 0; x < tables; ++x)
+    for (long k = 0; k < K; ++k) {
+      const long channel = perTensor ? 0 : k;
+      auto word = [&](long j) -> int64_t {
+        const long a3[] = {x, channel, j}, a2[] = {channel, j};
+        return quantInfo.rank() == 3 ? quantInfo.at<int64_t>(a3) : quantInfo.at<int64_t>(a2);
+      };
+      int64_t row[kDecodedWidth];
+      if (encoded) {
+        const uint64_t suminWord = width == 2 ? uint64_t(word(1)) : 0;
+        NoTrace quiet;
+        decodeChannel(uint64_t(word(0)), width == 2 ? &suminWord : nullptr, channel % 2 == 1, Coord(), row, quiet);
+      } else {
+        for (long j = 0; j < kDecodedWidth; ++j) row[j] = word(j);
+        if (hasSumin && sumin32 && !sumin32ShiftValid(row[kSuminRShift]))
+          return failure("i32 suminRShift must be one of [8, 0, -8], but got {}", row[kSuminRShift]);
+      }
+      plan.regs[size_t(x * K + k)] = registersOf(row, sumin32);
+    }
+  return Status::success();
+}
+
+void runPostProcess(Tensor& fout, const Tensor& psum, const Tensor& sumin, const PostProcessPlan& plan,
+                    PostProcessFlags flags) {
+  if (fout.isEmpty()) return;
+  const long K = plan.channels;
+  const TracePoint trace = TracePoint::forOutput(fout);
+  dispatch<TypeList<int8_t, int16_t, int32_t>>(fout.elementType(), [&]<class TOut>() {
+    auto run = [&]<class TSumin>() {
+      if (trace) {  // computed, not stored, before the loop
+        const Coord& at = trace.coord();
+        const long table = plan.tables > 1 ? at[0] : 0;
+        const void* add = nullptr;
+        if constexpr (!std::is_void_v<TSumin>) add = &sumin.at<TSumin>(at);
+        Tracer tracer;
+        (void)elementOf<TOut, TSumin>(at, psum.at<int32_t>(at), add, plan.regs[size_t(table * K + at[at.rank - 1])],
+                                      flags, tracer);
+      }
+      if (plan.tables == 1) {
+        postProcessAll<TOut, TSumin>(fout, psum, sumin, plan.regs.data(), flags);
+        return;
+      }
+      for (long b = 0; b < plan.tables; ++b) {
+        const Tensor noSumin;
+        postProcessAll<TOut, TSumin>(fout.slice(0, b, b + 1), psum.slice(0, b, b + 1),
+                                     sumin.isValid() ? sumin.slice(0, b, b + 1) : noSumin, plan.regs.data() + b * K,
+                                     flags);
+      }
+    };
+    if (!sumin.isValid())
+      run.template operator()<void>();
+    else
+      dispatch<TypeList<int8_t, int32_t>>(sumin.elementType(), run);
+  });
+}
+
+Status postProcess(Tensor& fout, const Tensor& psum, const Tensor& quantInfo, const Tensor& sumin, bool encoded,
+                   bool relu, bool round, bool perTensor) {
+  PostProcessPlan plan;
+  KORA_RETURN_IF_ERROR(planPostProcess(fout, psum, quantInfo, sumin, encoded, perTensor, plan));
+  if (!psum.isValid()) return Status::failure("post-process operands must hold data");
+  runPostProcess(fout, psum, sumin, plan, {relu, round});
+  return Status::success();
+}
+
+}  // namespace
+
+Status ConvPP(Tensor& fout, Tensor const& psum, Tensor const& quantInfo, Tensor const& sumin, bool relu, bool round,
+              bool perTensor) {
+  return postProcess(fout, psum, quantInfo, sumin, false, relu, round, perTensor);
+}
+
+Status ConvPPEncoded(Tensor& fout, Tensor const& psum, Tensor const& quantInfo, Tensor const& sumin, bool relu,
+                     bool round, bool perTensor) {
+  return postProcess(fout, psum, quantInfo, sumin, true, relu, round, perTensor);
+}
+
+Status ConvMacPP(Tensor& fout, Tensor const& fin, Tensor const& weight, Tensor const& quantInfo, Tensor const& sumin,
+                 Tensor const& psum, int64_t padValue, std::vector<int64_t> const& pad,
+                 std::vector<int64_t> const& stride, std::vector<int64_t> const& dilation, int64_t group,
+                 int64_t quantForm, bool relu, bool round, bool perTensor) {
+  if (quantForm != 0 && quantForm != 1) return Status::failure("quantForm must be 0 (decoded) or 1 (encoded)");
+  // Everything is checked before the MAC runs, against a psum of fout's shape.
+  const Tensor psumShape(ElementType::si32, fout.shape());
+  MacProblem mac;
+  KORA_RETURN_IF_ERROR(prepareConvMac(psumShape, fin, weight, pad, padValue, stride, dilation, group, mac));
+  PostProcessPlan plan;
+  KORA_RETURN_IF_ERROR(planPostProcess(fout, psumShape, quantInfo, sumin, quantForm == 1, perTensor, plan));
+  if (psum.isValid()) {
+    if (psum.elementType() != ElementType::si32) return Status::failure("psum must be si32");
+    if (!psum.sameShape(fout)) return Status::failure("shape of psum and fout must be identical");
+  }
+
+  Tensor acc = Tensor::create(ElementType::si32, fout.shape());
+  if (psum.isValid())
+    copyElements(acc, psum);
+  else if (!acc.isEmpty())
+    std::memset(acc.data<int32_t>().data(), 0, acc.byteSpan());
+  runMac(acc, fin, mac);
+  runPostProcess(fout, acc, sumin, plan, {relu, round});
+  return Status::success();
+}
+
+}  // namespace kora::vela::intrinsic

@@ -1,0 +1,132 @@
+// Encoding and decoding of the per-channel quant info (fields and their
+// trace lines in QuantInfo.h).
+#include "Vela/Intrinsic/QuantInfo.h"
+
+#include "kora/Vela/Intrinsic.h"
+
+namespace kora::vela::intrinsic {
+
+namespace {
+
+using namespace detail;
+
+Status checkEncodeDecodePair(const Tensor& encode, const Tensor& decode) {
+  if (encode.elementType() != ElementType::si64 || decode.elementType() != ElementType::si64)
+    return Status::failure("encoded and decoded quantInfo must be si64");
+  if (encode.rank() != decode.rank()) return Status::failure("encode and decode tensors must be the same rank");
+  if (encode.rank() < 2) return Status::failure("encode and decode tensors must be at least rank 2");
+  if (encode.dim(-2) != decode.dim(-2)) return Status::failure("encode and decode tensor axis -2 must be identical");
+  for (long axis = 0; axis + 2 < long(encode.rank()); ++axis)
+    if (encode.dim(axis) != decode.dim(axis)) return failure("encode and decode tensor axis {} must be identical", axis);
+  if (decode.dim(-1) != kDecodedWidth) return Status::failure("decode tensor axis -1 must be 6");
+  if (encode.dim(-1) != 1 && encode.dim(-1) != 2) return Status::failure("encode tensor axis -1 must be either 1 or 2");
+  if (!encode.isValid() || !decode.isValid()) return Status::failure("encode and decode tensors must hold data");
+  return Status::success();
+}
+
+/// Calls f(rowCoord) for every coordinate of `t` without its last axis, in
+/// row-major order.
+template <class F>
+void forEachRow(const Tensor& t, F&& f) {
+  if (t.isEmpty()) return;
+  const long rank = long(t.rank()) - 1;
+  Coord at;
+  for (long d = 0; d < rank; ++d) at.push(0);
+  for (;;) {
+    f(static_cast<const Coord&>(at));
+    long d = rank - 1;
+    for (; d >= 0; --d) {
+      if (++at[d] < t.dim(d)) break;
+      at[d] = 0;
+    }
+    if (d < 0) return;
+  }
+}
+
+/// `row` with `last` appended: the coordinate of one word or value of a row.
+Coord withLast(const Coord& row, long last) {
+  Coord c = row;
+  c.push(last);
+  return c;
+}
+
+/// The traced row (the trace point without its last axis), if any.
+bool tracedRow(const TracePoint& trace, Coord& row) {
+  if (!trace) return false;
+  row = trace.coord();
+  --row.rank;
+  return true;
+}
+
+void readDecodedRow(const Tensor& decode, const Coord& at, int64_t* row) {
+  for (long j = 0; j < kDecodedWidth; ++j) row[j] = decode.at<int64_t>(withLast(at, j));
+}
+
+bool oddChannel(const Coord& at, int64_t channelBase) {
+  return ((uint64_t(channelBase) + uint64_t(at[at.rank - 1])) & 1u) != 0;
+}
+
+template <class Trace>
+PackedChannel encodeRow(const Tensor& decode, const Coord& at, bool sumin32, Trace& trace) {
+  int64_t row[kDecodedWidth];
+  readDecodedRow(decode, at, row);
+  return encodeChannel(row, sumin32, oddChannel(at, 0), at, withLast(at, 0), trace);
+}
+
+template <class Trace>
+void decodeRow(const Tensor& encode, const Coord& at, int64_t channelBase, int64_t* row, Trace& trace) {
+  const uint64_t commonPart = uint64_t(encode.at<int64_t>(withLast(at, 0)));
+  uint64_t suminWord = 0;
+  const bool twoWords = encode.dim(-1) == 2;
+  if (twoWords) suminWord = uint64_t(encode.at<int64_t>(withLast(at, 1)));
+  decodeChannel(commonPart, twoWords ? &suminWord : nullptr, oddChannel(at, channelBase), withLast(at, 0), row, trace);
+}
+
+}  // namespace
+
+Status EncodeQuantInfo(Tensor& encode, Tensor const& decode) {
+  KORA_RETURN_IF_ERROR(checkEncodeDecodePair(encode, decode));
+  const bool sumin32 = encode.dim(-1) == 1;
+  if (sumin32) {
+    Status bad = Status::success();
+    forEachRow(decode, [&](const Coord& at) {
+      const int64_t shift = decode.at<int64_t>(withLast(at, kSuminRShift));
+      if (bad.ok() && !sumin32ShiftValid(shift))
+        bad = failure("i32 suminRShift must be one of [8, 0, -8], but got {}", shift);
+    });
+    KORA_RETURN_IF_ERROR(bad);
+  }
+  Coord traced;
+  if (tracedRow(TracePoint::forOutput(encode), traced)) {
+    Tracer tracer;
+    (void)encodeRow(decode, traced, sumin32, tracer);
+  }
+  forEachRow(decode, [&](const Coord& at) {
+    NoTrace quiet;
+    const PackedChannel packed = encodeRow(decode, at, sumin32, quiet);
+    encode.at<int64_t>(withLast(at, 0)) = int64_t(packed.commonPart);
+    if (!sumin32) {
+      const unsigned half = oddChannel(at, 0) ? 32 : 0;
+      encode.at<int64_t>(withLast(at, 1)) = int64_t(uint64_t(packed.suminPart) << half);
+    }
+  });
+  return Status::success();
+}
+
+Status DecodeQuantInfo(Tensor& decode, Tensor const& encode, int64_t channelBase) {
+  KORA_RETURN_IF_ERROR(checkEncodeDecodePair(encode, decode));
+  int64_t row[kDecodedWidth];
+  Coord traced;
+  if (tracedRow(TracePoint::forOutput(decode), traced)) {
+    Tracer tracer;
+    decodeRow(encode, traced, channelBase, row, tracer);
+  }
+  forEachRow(encode, [&](const Coord& at) {
+    NoTrace quiet;
+    decodeRow(encode, at, channelBase, row, quiet);
+    for (long j = 0; j < kDecodedWidth; ++j) decode.at<int64_t>(withLast(at, j)) = row[j];
+  });
+  return Status::success();
+}
+
+}  // namespace kora::vela::intrinsic

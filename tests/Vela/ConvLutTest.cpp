@@ -1,0 +1,148 @@
+// The look-up transform against hand-worked values: range choice, the
+// 17-bit index with its sign bit and clamp, interpolation from either bank.
+#include <gtest/gtest.h>
+
+#include "Vela/VelaTestUtil.h"
+
+using namespace kora;
+using namespace kora::vela::intrinsic;
+using test::tensorOf;
+using test::valuesOf;
+
+namespace {
+
+/// table[p] = 4 p^2 - 8000: neighbours differ, and differently everywhere.
+std::vector<int16_t> squares() {
+  std::vector<int16_t> t;
+  for (int p = 0; p < 65; ++p) t.push_back(int16_t(4 * p * p - 8000));
+  return t;
+}
+
+// Range 0: x <= 0, index = x. Range 1: x <= 200, index = 100 x >> 2.
+// Range 2: index = x + 0x1f000 read as 17 bits, i.e. x - 4096.
+const std::vector<int64_t> kRanges = {0, 1, 0, 0, 200, 100, 0, 2, 0, 1, 0x1f000, 0};
+
+std::vector<int16_t> lut(const std::vector<int16_t>& x, const std::vector<int64_t>& ranges) {
+  Tensor out = Tensor::create(ElementType::si16, {long(x.size())});
+  const Status s = ConvLut(out, tensorOf<int16_t>(ElementType::si16, {long(x.size())}, x), squares(), ranges);
+  EXPECT_TRUE(s.ok()) << s.message();
+  return valuesOf<int16_t>(out);
+}
+
+}  // namespace
+
+TEST(ConvLut, HandWorkedValues) {
+  struct Case {
+    int16_t x;
+    int16_t expected;
+    const char* how;
+  };
+  const Case cases[] = {
+      {-5, -16, "range 0, index -5: select -1, left table[31] is odd: -3904 + (-252 * 5 >> 10) = -3906, >> 8"},
+      {37, -15, "range 1, index 925: left table[32] is even: -3904 + (260 * 925 >> 10) = -3670, >> 8"},
+      {200, -10, "max is inclusive: range 1, index 5000: -2816 + (292 * 904 >> 10) = -2559, >> 8"},
+      {201, -19, "range 2, index -3895: select -4, interp 201: -4864 + (228 * 201 >> 10) = -4820, >> 8"},
+      {300, -19, "range 2, index -3796: -4864 + (228 * 300 >> 10) = -4798, >> 8"},
+      {-32768, -32, "index -32768: select -32, table[0] = -8000, >> 8"},
+  };
+  for (const Case& c : cases) EXPECT_EQ(lut({c.x}, kRanges)[0], c.expected) << c.how;
+}
+
+TEST(ConvLut, IndexIsASigned17BitNumberThenClamped) {
+  // One range everywhere: index = (k x + b) >> s.
+  auto one = [](int64_t k, int64_t b, int64_t s) { return std::vector<int64_t>{32767, k, b, s, 32767, k, b, s, 0, k, b, s}; };
+  struct Case {
+    int16_t x;
+    std::vector<int64_t> ranges;
+    int16_t expected;
+    const char* how;
+  };
+  const Case cases[] = {
+      {20000, one(2, 0, 0), 32, "40000 fits 17 bits, clamps to 32767: table[63..64] -> 8383 >> 8"},
+      {20000, one(4, 0, 0), -32, "80000 sets bit 16: negative, clamps to -32768"},
+      {-20000, one(2, 0, 0), -32, "-40000 clamps to -32768"},
+      {100, one(1, 0x10000, 0), -32, "b sets bit 16: 100 - 65536, clamped"},
+      {100, one(1, 0x40000 + 0x1f000 * 2, 1), -19, "bits above 16 after the shift are dropped: (0x40000 + 2 * 0x1f000 + 100) >> 1"},
+      {100, one(1, 0x1f000 * 2 + 200, 33), -19, "s is taken modulo 32: s = 1"},
+      {100, one(0x10000 + 1, 0x1f000 + (int64_t(1) << 32), 0), -19, "k and b keep their register widths"},
+  };
+  for (const Case& c : cases) EXPECT_EQ(lut({c.x}, c.ranges)[0], c.expected) << c.how;
+}
+
+TEST(ConvLut, EveryIntervalRunsFromItsLeftEntryTowardItsRightOne) {
+  // index = x exactly (one range, k 1, b 0), so every (select, interp) is reachable.
+  const std::vector<int64_t> identity = {32767, 1, 0, 0, 32767, 1, 0, 0, 0, 1, 0, 0};
+  const auto table = squares();
+  std::vector<int16_t> x;
+  for (int32_t i = -32768; i <= 32767; ++i) x.push_back(int16_t(i));
+  const auto out = lut(x, identity);
+  for (size_t i = 0; i < x.size(); ++i) {
+    const int32_t index = x[i], left = (index >> 10) + 32, interp = index & 1023;
+    const int32_t a = table[left], b = table[left + 1];
+    if (interp == 0) {
+      ASSERT_EQ(out[i], a >> 8) << "interp 0 gives the left entry, whichever bank holds it: index " << index;
+    } else {
+      // Between the neighbours, within the truncation of the >> 10.
+      const int32_t lo = std::min(a, b) - 1, hi = std::max(a, b);
+      ASSERT_GE(out[i], lo >> 8) << index;
+      ASSERT_LE(out[i], hi >> 8) << index;
+    }
+  }
+}
+
+TEST(ConvLut, TraceLinesOfBothBanks) {
+  struct Case {
+    int16_t x;
+    std::vector<std::string> lines;
+  };
+  const Case cases[] = {
+      {-5,
+       {"lut trans: ", " value =     -5, max =      0, k =      1, b =      0, s =  0", " index =     -5",
+        " index = clamp(-5, -32768, 32767) = res", " range 0", " lut interp: index =    -5  select =  -1",
+        " odd = table[31] =  -4156", " even = table[32] =  -3904",
+        " result = (diff * (1024 - interp)) >> 10 + even = (  -252 *      5) >> 10 +  -3904) =  -3906",
+        " result >>= 8 =    -16"}},
+      {37,
+       {"lut trans: ", " value =     37, max =    200, k =    100, b =      0, s =  2", " index =    925",
+        " index = clamp(925, -32768, 32767) = res", " range 1", " lut interp: index =   925  select =   0",
+        " odd = table[33] =  -3644", " even = table[32] =  -3904",
+        " result = (diff * interp) >> 10 + even = (   260 *    925) >> 10 +  -3904) =  -3670",
+        " result >>= 8 =    -15"}},
+      {300,
+       {"lut trans: ", " value =    300, max =      0, k =      1, b = 126976, s =  0", " index =  -3796",
+        " index = clamp(-3796, -32768, 32767) = res", " range 2", " lut interp: index = -3796  select =  -4",
+        " odd = table[29] =  -4636", " even = table[28] =  -4864",
+        " result = (diff * interp) >> 10 + even = (   228 *    300) >> 10 +  -4864) =  -4798",
+        " result >>= 8 =    -19"}},
+  };
+  for (const Case& c : cases) {
+    Tensor out = Tensor::create(ElementType::si8, {1, 2});
+    test::TraceCapture capture;
+    test::ScopedTracePoint point({0, 1});
+    ASSERT_TRUE(ConvLut(out, tensorOf<int16_t>(ElementType::si16, {1, 2}, {0, c.x}), squares(), kRanges).ok());
+    EXPECT_EQ(capture.lines(), c.lines);
+  }
+}
+
+TEST(ConvLut, ChecksInOrder) {
+  const Tensor fin = Tensor::create(ElementType::si8, {4});
+  struct Case {
+    std::vector<int64_t> ranges;
+    size_t tableSize;
+    ElementType finType, foutType;
+    long foutSize;
+    const char* expected;
+  };
+  const Case cases[] = {
+      {std::vector<int64_t>(11, 0), 65, ElementType::si8, ElementType::si8, 4, "Incorrect lut range size"},
+      {kRanges, 64, ElementType::si8, ElementType::si8, 4, "Incorrect lut table size"},
+      {kRanges, 65, ElementType::si32, ElementType::si8, 4, "lut input must be si8 or si16"},
+      {kRanges, 65, ElementType::si8, ElementType::ui8, 4, "lut output must be si8 or si16"},
+      {kRanges, 65, ElementType::si8, ElementType::si8, 5, "shape of lut input and output must be identical"},
+  };
+  for (const Case& c : cases) {
+    Tensor out = Tensor::create(c.foutType, {c.foutSize});
+    EXPECT_EQ(ConvLut(out, Tensor::create(c.finType, {4}), std::vector<int16_t>(c.tableSize, 0), c.ranges).message(),
+              c.expected);
+  }
+}
