@@ -268,7 +268,7 @@ TEST(BinaryFloats, HalfIsTheFloatResultRoundedToNearestEven) {
     const auto fromHalf = bitsOf<half>(op(lhs, rhs));
     const auto fromFloat = valuesOf<float>(op(lhs.cast(ElementType::f32), rhs.cast(ElementType::f32)));
     for (size_t i = 0; i < a.size(); ++i) {
-      // With two NaN operands, which payload survives is not specified.
+      // With two NaN operands, which payload survives is not guaranteed.
       const uint16_t expected = floatToHalfBits(fromFloat[i]);
       if ((expected & 0x7fff) > 0x7c00 && (fromHalf[i] & 0x7fff) > 0x7c00) continue;
       ASSERT_EQ(fromHalf[i], expected) << i;

@@ -20,7 +20,7 @@
 // Floating point: f16 is computed through f32 and narrowed to nearest even;
 // f32 in single precision; f64 in double. Integer arithmetic wraps (two's
 // complement). When both operands are NaN, which one's payload the NaN
-// result carries is not specified. An element type an operator does not
+// result carries is not guaranteed. An element type an operator does not
 // serve stops the process
 // with "unknown element type: <name>".
 //
