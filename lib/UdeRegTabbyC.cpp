@@ -3,6 +3,7 @@
 // appears here only once it is implemented.
 #include "Kernel/TableBuilder.h"
 #include "kora/Kernel/Registration.h"
+#include "kora/Native/Binary.h"
 #include "kora/Mira/RoiAlign.h"
 #include "kora/Native/Unary.h"
 #include "kora/Vela/Conv2d.h"
@@ -12,7 +13,74 @@ namespace kora {
 void buildKernelTable(KernelRegistry& t) {
   using namespace native;
   // native
+  registerKernel(t, "native::Abs", &AbsConfig, &Abs);
+  registerKernel(t, "native::Acos", &AcosConfig, &Acos);
+  registerKernel(t, "native::Acosh", &AcoshConfig, &Acosh);
+  registerKernel(t, "native::Add", &AddConfig, &Add);
+  registerKernel(t, "native::Asin", &AsinConfig, &Asin);
+  registerKernel(t, "native::Asinh", &AsinhConfig, &Asinh);
+  registerKernel(t, "native::Atan", &AtanConfig, &Atan);
+  registerKernel(t, "native::Atanh", &AtanhConfig, &Atanh);
+  registerKernel(t, "native::BitShift", &BitShiftConfig, &BitShift);
+  registerKernel(t, "native::BitwiseAnd", &BitwiseAndConfig, &BitwiseAnd);
+  registerKernel(t, "native::BitwiseNot", &BitwiseNotConfig, &BitwiseNot);
+  registerKernel(t, "native::BitwiseOr", &BitwiseOrConfig, &BitwiseOr);
+  registerKernel(t, "native::BitwiseXor", &BitwiseXorConfig, &BitwiseXor);
+  registerKernel(t, "native::Cast", &CastConfig, &Cast);
+  registerKernel(t, "native::Ceil", &CeilConfig, &Ceil);
+  registerKernel(t, "native::Clamp", &ClampConfig, &Clamp);
+  registerKernel(t, "native::ClampF", &ClampFConfig, &ClampF);
+  registerKernel(t, "native::Cos", &CosConfig, &Cos);
+  registerKernel(t, "native::Cosh", &CoshConfig, &Cosh);
+  registerKernel(t, "native::Div", &DivConfig, &Div);
+  registerKernel(t, "native::Elu", &EluConfig, &Elu);
+  registerKernel(t, "native::Equal", &EqualConfig, &Equal);
+  registerKernel(t, "native::Erf", &ErfConfig, &Erf);
+  registerKernel(t, "native::Exp", &ExpConfig, &Exp);
+  registerKernel(t, "native::FakeCast", &FakeCastConfig, &FakeCast);
+  registerKernel(t, "native::Floor", &FloorConfig, &Floor);
+  registerKernel(t, "native::GELU", &GELUConfig, &GELU);
+  registerKernel(t, "native::GELUV2", &GELUV2Config, &GELUV2);
+  registerKernel(t, "native::Greater", &GreaterConfig, &Greater);
+  registerKernel(t, "native::GreaterEqual", &GreaterEqualConfig, &GreaterEqual);
+  registerKernel(t, "native::Hardsigmoid", &HardsigmoidConfig, &Hardsigmoid);
+  registerKernel(t, "native::LeakyReLU", &LeakyReLUConfig, &LeakyReLU);
+  registerKernel(t, "native::Less", &LessConfig, &Less);
+  registerKernel(t, "native::LessEqual", &LessEqualConfig, &LessEqual);
+  registerKernel(t, "native::Log", &LogConfig, &Log);
+  registerKernel(t, "native::LogicalAnd", &LogicalAndConfig, &LogicalAnd);
+  registerKernel(t, "native::LogicalNot", &LogicalNotConfig, &LogicalNot);
+  registerKernel(t, "native::LogicalOr", &LogicalOrConfig, &LogicalOr);
+  registerKernel(t, "native::LogicalXor", &LogicalXorConfig, &LogicalXor);
+  registerKernel(t, "native::Lut", &LutConfig, &Lut);
+  registerKernel(t, "native::Max", &MaxConfig, &Max);
+  registerKernel(t, "native::Min", &MinConfig, &Min);
+  registerKernel(t, "native::Mish", &MishConfig, &Mish);
+  registerKernel(t, "native::Mod", &ModConfig, &Mod);
+  registerKernel(t, "native::Mul", &MulConfig, &Mul);
+  registerKernel(t, "native::NanToNum", &NanToNumConfig, &NanToNum);
+  registerKernel(t, "native::Neg", &NegConfig, &Neg);
+  registerKernel(t, "native::NotEqual", &NotEqualConfig, &NotEqual);
+  registerKernel(t, "native::PRelu", &PReluConfig, &PRelu);
+  registerKernel(t, "native::Pow", &PowConfig, &Pow);
   registerKernel(t, "native::ReLU", &ReLUConfig, &ReLU);
+  registerKernel(t, "native::Reciprocal", &ReciprocalConfig, &Reciprocal);
+  registerKernel(t, "native::Rem", &RemConfig, &Rem);
+  registerKernel(t, "native::Round", &RoundConfig, &Round);
+  registerKernel(t, "native::Rsqrt", &RsqrtConfig, &Rsqrt);
+  registerKernel(t, "native::Selu", &SeluConfig, &Selu);
+  registerKernel(t, "native::Sigmoid", &SigmoidConfig, &Sigmoid);
+  registerKernel(t, "native::Sign", &SignConfig, &Sign);
+  registerKernel(t, "native::Sin", &SinConfig, &Sin);
+  registerKernel(t, "native::Sinh", &SinhConfig, &Sinh);
+  registerKernel(t, "native::Softplus", &SoftplusConfig, &Softplus);
+  registerKernel(t, "native::Softsign", &SoftsignConfig, &Softsign);
+  registerKernel(t, "native::Sqrt", &SqrtConfig, &Sqrt);
+  registerKernel(t, "native::Sub", &SubConfig, &Sub);
+  registerKernel(t, "native::Swish", &SwishConfig, &Swish);
+  registerKernel(t, "native::Tan", &TanConfig, &Tan);
+  registerKernel(t, "native::Tanh", &TanhConfig, &Tanh);
+  registerKernel(t, "native::Where", &WhereConfig, &Where);
   // mira
   {
     // samplingRatio, interpolateMode, canonicalBoxSize, canonicalLevel, boxClipRatio

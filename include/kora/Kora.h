@@ -27,6 +27,7 @@
 #include "kora/Kernel/Registry.h"
 #include "kora/Kernel/Status.h"
 
+#include "kora/Native/Binary.h"
 #include "kora/Native/Elementwise.h"
 #include "kora/Native/Unary.h"
 

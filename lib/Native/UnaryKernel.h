@@ -10,9 +10,14 @@
 //   return unaryCompute<TypeList<half, float>>(fout, fin, ReluOp{});
 //
 // The operator is called with the compute type (float for f16 elements).
+// An operator whose constants depend on the element type (bounds converted
+// to it) instead provides `template <class T> auto forElement() const`,
+// returning the formula on the compute type with those constants bound; it
+// is called once per kernel call, outside the loop.
 #include "kora/Core/Trace.h"
 #include "kora/Kernel/Status.h"
 #include "kora/Native/Elementwise.h"
+#include "kora/Support/Convert.h"
 #include "kora/Support/Dispatch.h"
 #include "kora/Support/ElementLoop.h"
 
@@ -38,19 +43,36 @@ inline Status unaryChecks(const Tensor& fout, const Tensor& fin) {
   return Status::success();
 }
 
+/// A constant given as double, in element type T (by the conversion rule of
+/// Tensor::cast: round to nearest even), then widened to T's compute type.
+template <class T>
+ComputeType<T> constantAs(double value) {
+  return widen(convertElement<T, double>(value, false));
+}
+
+/// The formula of `op` for one element of type T, on the compute type.
+template <class T, class Op>
+auto formulaFor(const Op& op) {
+  if constexpr (requires { op.template forElement<T>(); })
+    return op.template forElement<T>();
+  else
+    return [&op](ComputeType<T> x) { return op(x); };
+}
+
 template <class Types, class Op>
 Status unaryCompute(Tensor& fout, const Tensor& fin, const Op& op) {
   KORA_RETURN_IF_ERROR(unaryChecks(fout, fin));
   const TracePoint trace = TracePoint::forOutput(fout);
   dispatch<Types>(fout.elementType(), [&]<class T>() {
-    auto element = [&op](T x) -> T { return narrow<T>(op(widen(x))); };
+    auto formula = formulaFor<T>(op);
+    auto element = [&formula](T x) -> T { return narrow<T>(formula(widen(x))); };
     // The traced element is computed (not stored) before the loop, so an
     // in-place call still sees its original input.
     if (trace) {
       const T x = fin.at<T>(trace.coord());
       Tracer{}("fout{} = {}(fin{}) // {}({}) -> {} ", trace.coord(), op.name, trace.coord(), op.name, x, element(x));
     }
-    mapElements<T, T>(fout, fin, element);
+    mapComputed<T>(fout, fin, formula);
   });
   return Status::success();
 }

@@ -277,3 +277,19 @@ TEST_F(SerializeDeathTest, WrongMagicTrapsWithTheTensorSite) {
       },
       "2\\|trapped at lib/Core/Tensor, line 146\n2\\|given data is not a tensor");
 }
+
+TEST(TensorCast, CastElementsWritesIntoAStridedDestination) {
+  // A broadcast source (stride 0) converted into a transposed destination.
+  Tensor row = tensorOf<int32_t>(ElementType::si32, {3}, {-1, 300, 7});
+  Tensor source(std::vector<long>{2, 3}, std::vector<long>{0, 4}, ElementType::si32, 0, row.storage());
+  Tensor target = tensorOf<int8_t>(ElementType::si8, {3, 2}, {9, 9, 9, 9, 9, 9});
+  Tensor view = target.permute({1, 0});
+  castElements(view, source);
+  EXPECT_EQ(valuesOf<int8_t>(target), (std::vector<int8_t>{-1, -1, 44, 44, 7, 7}));
+  castElements(view, source, true);
+  EXPECT_EQ(valuesOf<int8_t>(target), (std::vector<int8_t>{-1, -1, 127, 127, 7, 7}));
+  // Equal types copy bit for bit.
+  Tensor same = Tensor::create(ElementType::si32, {2, 3});
+  castElements(same, source);
+  EXPECT_EQ(valuesOf<int32_t>(same), (std::vector<int32_t>{-1, 300, 7, -1, 300, 7}));
+}

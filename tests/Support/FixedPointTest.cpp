@@ -128,3 +128,32 @@ TEST(FixedPoint, DirectionalShiftsAndRegisterWidths) {
   EXPECT_EQ(truncateToInt32(int64_t(INT32_MAX) + 1), INT32_MIN);
   EXPECT_EQ(truncateToInt32(-5), -5);
 }
+TEST(FixedPoint, TruncatingDivisionNeverTraps) {
+  struct Case {
+    int64_t a, b, quotient, remainder;
+  };
+  const Case cases[] = {{7, 2, 3, 1},   {-7, 2, -3, -1}, {7, -2, -3, 1}, {-7, -2, 3, -1}, {5, 0, 0, 5},
+                        {-5, 0, 0, -5}, {0, 0, 0, 0},    {-6, 3, -2, 0}, {1, 5, 0, 1}};
+  for (const Case& c : cases) {
+    EXPECT_EQ(divideTowardZero(c.a, c.b), c.quotient) << c.a << " / " << c.b;
+    EXPECT_EQ(remainderTowardZero(c.a, c.b), c.remainder) << c.a << " % " << c.b;
+    EXPECT_EQ(divideTowardZero<int8_t>(int8_t(c.a), int8_t(c.b)), c.quotient);
+  }
+  // The most negative value over -1 wraps to itself, with remainder 0.
+  EXPECT_EQ(divideTowardZero<int8_t>(-128, -1), -128);
+  EXPECT_EQ(remainderTowardZero<int8_t>(-128, -1), 0);
+  EXPECT_EQ(divideTowardZero<int64_t>(INT64_MIN, -1), INT64_MIN);
+  EXPECT_EQ(remainderTowardZero<int64_t>(INT64_MIN, -1), 0);
+  EXPECT_EQ(divideTowardZero<uint32_t>(UINT32_MAX, 0), 0u);
+  EXPECT_EQ(remainderTowardZero<uint32_t>(UINT32_MAX, 0), UINT32_MAX);
+  // Every si8 pair against an int64 computation.
+  for (int a = -128; a < 128; ++a) {
+    for (int b = -128; b < 128; ++b) {
+      const int64_t q = b == 0 ? 0 : int64_t(a) / b;
+      const int8_t wrappedQ = int8_t(uint8_t(uint64_t(q)));
+      ASSERT_EQ(divideTowardZero<int8_t>(int8_t(a), int8_t(b)), wrappedQ) << a << " / " << b;
+      ASSERT_EQ(remainderTowardZero<int8_t>(int8_t(a), int8_t(b)), int8_t(uint8_t(uint64_t(a - q * b))))
+          << a << " % " << b;
+    }
+  }
+}

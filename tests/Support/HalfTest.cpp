@@ -134,3 +134,42 @@ TEST(FloatFormat, BinaryThirtyTwoRoundingMatchesTheHardware) {
               std::bit_cast<uint32_t>(static_cast<float>(v)))
         << v;
 }
+
+// The block conversions (F16C where the processor has it) against the
+// scalar reference. Groups of 8 are converted together, so every pattern is
+// tried at every position of a group, next to NaNs and infinities as well.
+TEST(HalfBlocks, WideningMatchesTheScalarConversionForEveryPattern) {
+  std::vector<half> in(65536 + 5);
+  for (uint32_t h = 0; h < in.size(); ++h) in[h] = half::fromBits(uint16_t(h * 7919u));
+  for (long shift = 0; shift < 8; ++shift) {
+    std::vector<float> out(in.size() - shift);
+    widenHalves(in.data() + shift, out.data(), long(out.size()));
+    for (size_t i = 0; i < out.size(); ++i)
+      ASSERT_EQ(std::bit_cast<uint32_t>(out[i]), std::bit_cast<uint32_t>(halfBitsToFloat(in[i + shift].bits)))
+          << std::hex << in[i + shift].bits << " (F16C: " << halfConversionsUseF16c() << ")";
+  }
+}
+
+#if defined(__SANITIZE_ADDRESS__)
+constexpr uint64_t kNarrowingStep = 4099;  // instrumented builds sample every 4099th pattern
+#else
+constexpr uint64_t kNarrowingStep = 1;  // every binary32 pattern
+#endif
+
+TEST(HalfBlocks, NarrowingMatchesTheScalarConversionForEveryPattern) {
+  constexpr long kRun = 4096 + 3;  // not a multiple of 8: the tail takes the scalar path
+  std::vector<float> in(kRun);
+  std::vector<half> out(kRun);
+  uint64_t next = 0;
+  while (next < (uint64_t(1) << 32)) {
+    long n = 0;
+    for (; n < kRun && next < (uint64_t(1) << 32); ++n, next += kNarrowingStep)
+      in[n] = std::bit_cast<float>(uint32_t(next));
+    narrowToHalves(in.data(), out.data(), n);
+    for (long i = 0; i < n; ++i) {
+      if (out[i].bits != floatToHalfBits(in[i]))
+        FAIL() << std::hex << std::bit_cast<uint32_t>(in[i]) << " gives " << out[i].bits << " instead of "
+               << floatToHalfBits(in[i]);
+    }
+  }
+}

@@ -162,6 +162,11 @@ class KORA_API Tensor {
 /// may differ, as with a retyped view); broadcast (stride-0) sources are fine.
 KORA_API void copyElements(const Tensor& dst, const Tensor& src);
 
+/// Converts the elements of `src` into `dst` (same shape, any strides,
+/// broadcast sources allowed) by the rule of Tensor::cast for their pair of
+/// types; equal types copy. Writes into existing storage, allocates nothing.
+KORA_API void castElements(const Tensor& dst, const Tensor& src, bool saturate = false);
+
 /// Tensor<si8,1x3x4,12x4x1>; rank 0: Tensor<f32>. Values are never printed.
 KORA_API std::ostream& operator<<(std::ostream& os, const Tensor& tensor);
 /// TensorType<f16,2x8>.

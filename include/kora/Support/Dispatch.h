@@ -8,6 +8,8 @@
 #include <cstdint>
 #include <type_traits>
 
+#include <fmt/format.h>
+
 #include "kora/Core/ElementType.h"
 #include "kora/Support/Half.h"
 
@@ -107,3 +109,13 @@ constexpr T narrow(ComputeType<T> x) {
 }
 
 }  // namespace kora
+
+// A bool8 element prints as the number its byte holds (0 or 1 when
+// normalised), as in trace lines of the logical operators.
+template <>
+struct fmt::formatter<kora::Bool8> : fmt::formatter<unsigned> {
+  template <class Ctx>
+  auto format(kora::Bool8 b, Ctx& ctx) const {
+    return fmt::formatter<unsigned>::format(b.value, ctx);
+  }
+};

@@ -35,6 +35,26 @@ constexpr T wrapMul(T a, T b) {
 
 constexpr int32_t wrapAdd32(int32_t a, int32_t b) { return wrapAdd<int32_t>(a, b); }
 
+/// a / b truncated toward zero, as an integer divider that never traps: a
+/// divisor of 0 gives 0, and a divisor of -1 gives the wrapping negation of
+/// a (so the most negative value divided by -1 is itself).
+template <class T>
+constexpr T divideTowardZero(T a, T b) {
+  static_assert(std::is_integral_v<T>);
+  if (b == 0) return 0;
+  if constexpr (std::is_signed_v<T>) {
+    if (b == T(-1)) return wrapSub(T(0), a);
+  }
+  return T(a / b);
+}
+
+/// a - q * b with q = divideTowardZero(a, b), wrapping: the remainder of a
+/// truncating division, with the dividend's sign; a divisor of 0 gives a.
+template <class T>
+constexpr T remainderTowardZero(T a, T b) {
+  return wrapSub(a, wrapMul(divideTowardZero(a, b), b));
+}
+
 /// Arithmetic (sign-copying) shift right by n in [0, bits of T); models a
 /// hardware shifter that floors toward minus infinity.
 template <class T>

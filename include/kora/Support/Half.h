@@ -8,6 +8,8 @@
 
 #include <fmt/format.h>
 
+#include "kora/Core/Export.h"
+
 namespace kora {
 
 namespace detail {
@@ -103,6 +105,18 @@ struct bfloat16 {
   explicit constexpr operator float() const { return bf16BitsToFloat(bits); }
   constexpr float toFloat() const { return bf16BitsToFloat(bits); }
 };
+
+/// Runs of f16 elements widened to f32 and f32 values narrowed to f16, with
+/// exactly the results of halfBitsToFloat and floatToHalfBits for every
+/// pattern. On processors with the F16C instructions, groups of 8 go through
+/// them: their narrowing rounds to nearest even by its immediate operand (not
+/// the thread's mode) and keeps NaNs as the software does; their widening
+/// would quiet a signalling NaN, so groups holding an infinity or a NaN are
+/// widened in software. The arrays must not overlap.
+KORA_API void widenHalves(const half* in, float* out, long n);
+KORA_API void narrowToHalves(const float* in, half* out, long n);
+/// Whether the F16C path is in use (for tests and benchmarks).
+KORA_API bool halfConversionsUseF16c();
 
 }  // namespace kora
 
