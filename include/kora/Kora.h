@@ -30,4 +30,5 @@
 #include "kora/Native/Elementwise.h"
 #include "kora/Native/Unary.h"
 
+#include "kora/Compare/Metrics.h"
 #include "kora/Io/TensorPrint.h"
