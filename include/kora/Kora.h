@@ -31,4 +31,5 @@
 #include "kora/Native/Unary.h"
 
 #include "kora/Compare/Metrics.h"
+#include "kora/Io/TensorFile.h"
 #include "kora/Io/TensorPrint.h"
