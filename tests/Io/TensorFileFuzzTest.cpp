@@ -128,7 +128,7 @@ TEST(TensorFileFuzz, MutatedFilesReadConsistentlyOrFailInOneLine) {
   Mutator mutator(20240611);
   const std::filesystem::path file = std::filesystem::temp_directory_path() / fmt::format("kora-fuzz-{}.bin", ::getpid());
   long accepted = 0, refused = 0;
-  constexpr int kIterations = 40000;
+  constexpr int kIterations = 150000;
   for (int i = 0; i < kIterations; ++i) {
     const std::string bytes = mutator.mutate(corpus[std::size_t(i) % corpus.size()]);
     Tensor t;
@@ -136,7 +136,9 @@ TEST(TensorFileFuzz, MutatedFilesReadConsistentlyOrFailInOneLine) {
     // Most mutants are read from memory; some go through a real file, the
     // way the command line reads them.
     if (i % 97 == 0) {
-      std::ofstream(file, std::ios::binary | std::ios::trunc) << bytes;
+      // Removed first: truncating a file makes some file systems flush it.
+      std::filesystem::remove(file);
+      std::ofstream(file, std::ios::binary) << bytes;
       s = readTensorFile(t, file.string());
     } else {
       s = readTensor(t, ArrayRef<char>(bytes.data(), bytes.size()), "fuzz");
