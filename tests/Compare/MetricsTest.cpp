@@ -57,7 +57,7 @@ TEST(Metrics, HandWorkedValues) {
       {"zeros against ones", f64({2}, {0, 0}), f64({2}, {1, 1}), 1, 1, 1, -kInf, 2, false},
       {"ones against zeros", f64({2}, {1, 1}), f64({2}, {0, 0}), 1, 1, 1, 0, 2, false},
       {"opposite signs", f64({2}, {1, 2}), f64({2}, {-1, -2}), 2, std::sqrt(10.0), 4, 10 * std::log10(5.0 / 20.0), 2, false},
-      {"no elements", f64({0, 2}, {}), f64({0, 2}, {}), 0, 0, 0, kInf, 0, true},
+      {"no elements", Tensor::create(ElementType::f64, {0, 2}), Tensor::create(ElementType::f64, {0, 2}), 0, 0, 0, kInf, 0, true},
   };
   for (const Case& c : cases) {
     Comparison r = compare(c.expected, c.actual);
