@@ -1,4 +1,5 @@
 // kora compare EXPECTED ACTUAL: every metric and the difference view.
+#include <algorithm>
 #include <cstdlib>
 #include <ostream>
 
@@ -46,7 +47,9 @@ int compareCommand(const ParsedArgs& args, std::ostream& out, std::ostream& err)
 
   DifferenceViewOptions view;
   view.worstRows = options.worstCount;
-  out << fmt::format("expected  {}  {}\nactual    {}  {}\n", expectedPath, describe(expected), actualPath, describe(actual))
+  const std::size_t width = std::max(expectedPath.size(), actualPath.size());
+  out << fmt::format("expected  {:<{}}  {}\nactual    {:<{}}  {}\n", expectedPath, width, describe(expected), actualPath,
+                     width, describe(actual))
       << formatMetrics(c) << differenceView(c, view);
   return c.allClose ? 0 : 1;
 }
