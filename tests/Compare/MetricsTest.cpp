@@ -216,6 +216,29 @@ TEST(Metrics, AgreeWithWiderArithmeticOnRandomData) {
   EXPECT_EQ(r.maximumQuantizationNoise, double(maxNoise)) << "the largest difference is exact";
 }
 
+TEST(Metrics, SameBitsWhateverTheLayout) {
+  // The same logical values stored transposed and compact: the sums are
+  // blocked by row-major position, so every metric has the same bits.
+  std::mt19937 rng(21);
+  std::uniform_real_distribution<float> value(-2.f, 2.f), noise(-1e-3f, 1e-3f);
+  std::vector<float> e(11 * 9 * 7), a(e.size());
+  for (size_t i = 0; i < e.size(); ++i) {
+    e[i] = value(rng);
+    a[i] = e[i] + noise(rng);
+  }
+  Tensor ev = tensorOf<float>(ElementType::f32, {11, 9, 7}, e).permute({2, 1, 0});
+  Tensor av = tensorOf<float>(ElementType::f32, {11, 9, 7}, a).permute({2, 1, 0});
+  Comparison strided = compare(ev, av), compact = compare(ev.contiguous(), av.contiguous());
+  EXPECT_EQ(strided.cosineDistance, compact.cosineDistance);
+  EXPECT_EQ(strided.rootMeanSquareDeviation, compact.rootMeanSquareDeviation);
+  EXPECT_EQ(strided.signalQuantizationNoiseRatio, compact.signalQuantizationNoiseRatio);
+  EXPECT_EQ(strided.maximumQuantizationNoise, compact.maximumQuantizationNoise);
+  EXPECT_EQ(strided.mismatches, compact.mismatches);
+  ASSERT_EQ(strided.worst.size(), compact.worst.size());
+  for (size_t i = 0; i < strided.worst.size(); ++i) EXPECT_EQ(strided.worst[i].coord, compact.worst[i].coord);
+  EXPECT_EQ(strided.decades, compact.decades);
+}
+
 TEST(Metrics, StridedAndBroadcastOperands) {
   Tensor base = tensorOf<float>(ElementType::f32, {2, 3}, {1, 2, 3, 4, 5, 6});
   Tensor transposed = base.permute({1, 0});

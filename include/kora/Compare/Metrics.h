@@ -34,8 +34,9 @@
 // tensor makes CosineDistance NaN. Tensors with no elements agree: AllClose
 // and AllIdentical are true, the distances 0 and the ratio +inf.
 //
-// The sums are taken block by block in a fixed order, so a result is the same
-// bits on every machine. When squares of the values would leave double's
+// The sums are taken in blocks of row-major positions, in an order fixed by
+// the code, so a result is the same bits on every machine and whatever the
+// operands' strides. When squares of the values would leave double's
 // range (f64 data beyond about 1e120 or below 1e-120), the sums are taken
 // again over the values scaled by a power of two, which changes no ratio.
 //
