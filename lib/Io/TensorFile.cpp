@@ -10,6 +10,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <memory>
+#include <new>
 #include <optional>
 
 #include <fmt/format.h>
@@ -449,7 +450,11 @@ Status readTensorFile(Tensor& out, const std::string& path, TensorFileInfo* info
     }
   };
   if (S_ISREG(st.st_mode)) {
-    storage = Storage::createUninit(static_cast<unsigned long>(st.st_size));
+    try {
+      storage = Storage::createUninit(static_cast<unsigned long>(st.st_size));
+    } catch (const std::bad_alloc&) {
+      return fileError(path, "cannot read: {} bytes do not fit in memory", st.st_size);
+    }
     while (size < storage->size()) {
       const long got = readInto(storage->data() + size, std::min(storage->size() - size, 1ul << 30));
       if (got < 0) return fileError(path, "cannot read: {}", std::strerror(errno));

@@ -287,6 +287,9 @@ TEST(KoraCommand, RunMisuseInTheLayersOwnWords) {
       {{"test::Fill", "1", "-t", "si8:2"}, 1, "kora run: error: test::Fill impl function call failure! Fill serves f32 only\n"},
       {{"test::Convert", in, "cast", "f32", "false"}, 1,
        "kora run: error: test::Convert config function call failure! Convert config error: switched off\n"},
+      {{"test::Convert", in, "-x", "f32", "true"}, 2, "kora run: error: unknown option '-x'\n"},
+      {{"test::Convert", in, "--", "-x", "f32", "true"}, 1,
+       "kora run: error: test::Convert impl function call failure! unknown mode -x\n"},
       {{"test::Convert", in, "cast", "f33", "true"}, 2,
        "kora run: error: test::Convert: 3-th parameter fails to convert. Kernel expect type is uint64_t, but got a type string "
        "(argument 'f33')\n"},

@@ -1,6 +1,7 @@
 #include "Cli.h"
 
 #include <cstdlib>
+#include <new>
 #include <ostream>
 #include <string_view>
 
@@ -55,6 +56,7 @@ constexpr const char* kRunHelp =
     "                          that take it from the caller (no Config, or a target type)\n"
     "  --trace C,C,...         trace this output coordinate: each arithmetic step is printed\n"
     "  -v, --verbose           print the whole message of a failing kernel\n"
+    "  --                      ends the options: later arguments may begin with '-'\n"
     "\n"
     "Output files are written only when the kernel succeeds, each all or nothing.\n";
 
@@ -261,10 +263,18 @@ int main(const std::vector<std::string>& args, const KernelRegistry& table, std:
     ParsedArgs parsed;
     if (!parseArgs(args, 1, c.options, c.name, parsed, err)) return 2;
     if (parsed.has("help")) return out << c.help, 0;
-    if (word == "list") return listCommand(parsed, table, out, err);
-    if (word == "run") return runCommand(parsed, table, out, err);
-    if (word == "compare") return compareCommand(parsed, out, err);
-    return showCommand(parsed, out, err);
+    // The library reports bad input through Status; what still throws
+    // (memory exhausted, say) ends the command with its reason, not a crash.
+    try {
+      if (word == "list") return listCommand(parsed, table, out, err);
+      if (word == "run") return runCommand(parsed, table, out, err);
+      if (word == "compare") return compareCommand(parsed, out, err);
+      return showCommand(parsed, out, err);
+    } catch (const std::bad_alloc&) {
+      return usageError(err, c.name, "out of memory");
+    } catch (const std::exception& e) {
+      return usageError(err, c.name, e.what());
+    }
   }
   return usageError(err, "", "unknown command '" + word + "' (commands: list, run, compare, show)");
 }
