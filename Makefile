@@ -26,6 +26,7 @@ build: deps $(BUILD)/build.ninja
 
 demo: build
 	./$(BUILD)/tools/demo/kora-demo
+	./scripts/demo-walkthrough.sh $(BUILD)
 
 test: test-release test-asan
 

@@ -34,3 +34,6 @@
 #include "kora/Mira/RoiAlign.h"
 #include "kora/Vela/Conv2d.h"
 #include "kora/Vela/Intrinsic.h"
+#include "kora/Compare/Metrics.h"
+#include "kora/Io/TensorFile.h"
+#include "kora/Io/TensorPrint.h"

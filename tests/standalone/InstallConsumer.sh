@@ -14,4 +14,10 @@ LD_LIBRARY_PATH="$libdir" "$scratch/consumer/consumer"
 soname=$(objdump -p "$libdir/libkora.so" | awk '/SONAME/ {print $2}')
 [[ "$soname" == libkora.so.* ]] || { echo "unexpected SONAME $soname"; exit 1; }
 PKG_CONFIG_PATH="$libdir/pkgconfig" pkg-config --libs kora | grep -q -- -lkora
-echo "installed, found by CMake and pkg-config; SONAME $soname"
+# The installed command and Python module find the library on their own.
+"$scratch/prefix/bin/kora" list native::ReLU | grep -q "^native::ReLU "
+module=$(find "$scratch/prefix" -name 'kora.cpython*.so' | head -1)
+if [ -n "$module" ]; then
+  (cd "$scratch" && PYTHONPATH=$(dirname "$module") /usr/bin/python3 -c "import kora; assert kora.kernels('native::ReLU')")
+fi
+echo "installed, found by CMake and pkg-config; SONAME $soname; kora command${module:+ and Python module} run"
