@@ -29,3 +29,5 @@
 
 #include "kora/Native/Elementwise.h"
 #include "kora/Native/Unary.h"
+
+#include "kora/Quant/Quant.h"
