@@ -23,6 +23,9 @@ void buildKernelTable(KernelRegistry& t) {
   // 8 bits, signed, half to even (FakeQuant's declared defaults).
   registerKernel(t, "quant::fakequant", nullptr, &quant::FakeQuant,
                  {Argument(false), Argument(-1), Argument(false), Argument(8), Argument(true), Argument(true)});
+  registerKernel(t, "quant::dynamic_quantize", &quant::DynamicQuantizeConfig, &quant::DynamicQuantize);
+  registerKernel(t, "quant::dynamic_dequantize", &quant::DynamicDequantizeConfig, &quant::DynamicDequantize);
+  registerKernel(t, "quant::FuseDynamicDequantize", &quant::FuseDynamicDequantizeConfig, &quant::FuseDynamicDequantize);
 }
 
 }  // namespace kora

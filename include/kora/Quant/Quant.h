@@ -1,6 +1,7 @@
 #pragma once
 // Quantization kernels: float tensors to integer tensors with an affine
-// scale and zero point and back, and fake quantization.
+// scale and zero point and back, fake quantization, and the dynamic
+// (run-time scale) quantization of activations.
 //
 // Affine quantization, one element (all in binary32 unless stated):
 //
@@ -41,7 +42,7 @@
 //
 // Rounding mode: the division, the addition and the round-to-integral are
 // only exact in round-to-nearest, so every computing kernel of this family
-// (Qcast, Quantize, Dcast, Dequantize, FakeQuant)
+// (Qcast, Quantize, Dcast, Dequantize, FakeQuant and the dynamic kernels)
 // sets the calling thread's rounding mode to round-to-nearest when it is
 // entered, whatever the outcome, and leaves it so.
 //
@@ -130,5 +131,56 @@ KORA_API Status Dequantize(Tensor& fout, Tensor const& fin, ArrayRef<double> sca
 KORA_API Status FakeQuant(Tensor& fout, Tensor const& fin, ArrayRef<double> scale, ArrayRef<int64_t> zero,
                           bool perAxis = false, int64_t axis = -1, bool narrowRange = false, int64_t bitWidth = 8,
                           bool isSigned = true, bool roundHalfToEven = true);
+
+// Dynamic quantization: symmetric quantization whose scale is computed from
+// the data at run time, as used for the activations of transformer matrix
+// products (quantize A per row and B per column, multiply in integers,
+// dequantize the int32 product with both scales).
+//
+// DynamicQuantize, per group (the whole tensor, or with `perRow` each row
+// along the innermost axis; a rank-0 tensor is one group):
+//   m     = the largest |x| over the group's finite elements (0 if none);
+//   qmax  = 2^(b-1) - 1 for the output's b bits (127 for si8);
+//   scale = m / qmax in f32; when that quotient is 0 (an all-zero group, or
+//           one so small the division underflows) the scale is 1, so every
+//           q of the group is 0 and dequantizes to 0;
+//   q     = x quantized as above with that scale, zero point 0, the narrow
+//           range [-qmax, qmax] and ties to even: |q| <= qmax, the largest
+//           element maps to +-qmax, +-inf saturate to +-qmax and NaN gives 0.
+// Outputs: fout (si8 by default when unset, or si16, si32) with fin's shape,
+// and scale (f32) with fin's shape except that the grouped axes have extent
+// 1 (the last one per row, all of them per tensor), so it broadcasts
+// against fin. fin: f16, vbf16 or f32.
+//
+// DynamicDequantize: y = f32(q) * scale, one multiplication; scale (f32) is
+// broadcast to fin's shape (right-aligned, each of its extents 1 or equal to
+// fin's), which serves DynamicQuantize's scale of either grouping.
+// fin: si8, si16 or si32; fout: f32 by default, or f16, vbf16.
+//
+// FuseDynamicDequantize: y = (f32(acc) * rowScale) * colScale, two
+// multiplications in that order, for an si32 product acc [..., M, N] with
+// rowScale and colScale (f32) broadcast to its shape like DynamicDequantize's
+// scale, typically [..., M, 1] and [N]. fout: f32 by default, or f16, vbf16.
+//
+// These three have Config functions that fill unset outputs and report
+// "<Kernel> config error: <reason>"; the kernels return the reason alone.
+// Trace lines of the traced element (the scale's coordinate is the one its
+// broadcast reads):
+//   "scale[1, 0] = absmax / 127 // 254 / 127 -> 2"
+//   "fout[1, 1] = quantize(fin[1, 1] / scale[1, 0]) // round(1 / 2) -> 0"
+//   "fout[1, 1] = fin[1, 1] * scale[1, 0] // 0 * 2 -> 0"
+//   "fout[0, 1] = fin[0, 1] * rowScale[0, 0] * colScale[1] // 7 * 0.33333334 * 3 -> 7.0000005"
+// with rank-0 tensors traced under the all-zeros rule above ("scale[]").
+
+KORA_API Status DynamicQuantizeConfig(Tensor& fout, Tensor& scale, Tensor const& fin, bool perRow);
+KORA_API Status DynamicQuantize(Tensor& fout, Tensor& scale, Tensor const& fin, bool perRow);
+
+KORA_API Status DynamicDequantizeConfig(Tensor& fout, Tensor const& fin, Tensor const& scale);
+KORA_API Status DynamicDequantize(Tensor& fout, Tensor const& fin, Tensor const& scale);
+
+KORA_API Status FuseDynamicDequantizeConfig(Tensor& fout, Tensor const& fin, Tensor const& rowScale,
+                                            Tensor const& colScale);
+KORA_API Status FuseDynamicDequantize(Tensor& fout, Tensor const& fin, Tensor const& rowScale,
+                                      Tensor const& colScale);
 
 }  // namespace kora::quant
