@@ -38,5 +38,6 @@ inline bool run(const char* name, std::vector<kora::Tensor>& outputs, std::vecto
 // One function per section, in the order the demo runs them.
 void showKernelTable();
 void runElementwise();
+void runQuantization();
 
 }  // namespace demo

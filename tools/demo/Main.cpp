@@ -7,5 +7,6 @@ int main() {
   std::printf("libkora %s (%s)\n", KORA_VERSION, KORA_GIT_HASH);
   demo::showKernelTable();
   demo::runElementwise();
+  demo::runQuantization();
   return 0;
 }
