@@ -285,6 +285,12 @@ TEST(Quant, ComputingKernelsLeaveRoundToNearest) {
       [&] { return quant::Quantize(out, x, {}, {}, false, 0, false); },  // fails, still resets
       [&] { return quant::FakeQuant(nearest, x, {1}, {0}); },
       [&] { return quant::Dequantize(nearest, out, {1}, {0}, false, 0); },
+      [&] {
+        Tensor scale = Tensor::create(ElementType::f32, {1});
+        return quant::DynamicQuantize(out, scale, x, true);
+      },
+      [&] { return quant::DynamicDequantize(nearest, out, x); },
+      [&] { return quant::FuseDynamicDequantize(nearest, out, x, x); },  // fails (si8), still resets
   };
   for (const Call& call : calls) {
     std::fesetround(FE_DOWNWARD);
