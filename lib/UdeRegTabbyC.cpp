@@ -7,6 +7,7 @@
 #include "kora/Mira/RoiAlign.h"
 #include "kora/Native/Unary.h"
 #include "kora/Vela/Conv2d.h"
+#include "kora/Quant/Quant.h"
 
 namespace kora {
 
@@ -81,6 +82,19 @@ void buildKernelTable(KernelRegistry& t) {
   registerKernel(t, "native::Tan", &TanConfig, &Tan);
   registerKernel(t, "native::Tanh", &TanhConfig, &Tanh);
   registerKernel(t, "native::Where", &WhereConfig, &Where);
+  // quant: the kernels without a Config validate themselves and write into
+  // outputs the caller passes with their element type and shape.
+  registerKernel(t, "quant::quantize", nullptr, &quant::Quantize);
+  registerKernel(t, "quant::dequantize", &quant::DequantizeConfig, &quant::Dequantize);
+  registerKernel(t, "quant::qcast", nullptr, &quant::Qcast);
+  registerKernel(t, "quant::dcast", &quant::DcastConfig, &quant::Dcast);
+  // Callers may stop after the zero points: per tensor, axis -1, full range,
+  // 8 bits, signed, half to even (FakeQuant's declared defaults).
+  registerKernel(t, "quant::fakequant", nullptr, &quant::FakeQuant,
+                 {Argument(false), Argument(-1), Argument(false), Argument(8), Argument(true), Argument(true)});
+  registerKernel(t, "quant::dynamic_quantize", &quant::DynamicQuantizeConfig, &quant::DynamicQuantize);
+  registerKernel(t, "quant::dynamic_dequantize", &quant::DynamicDequantizeConfig, &quant::DynamicDequantize);
+  registerKernel(t, "quant::FuseDynamicDequantize", &quant::FuseDynamicDequantizeConfig, &quant::FuseDynamicDequantize);
   // mira
   {
     // samplingRatio, interpolateMode, canonicalBoxSize, canonicalLevel, boxClipRatio

@@ -37,3 +37,4 @@
 #include "kora/Compare/Metrics.h"
 #include "kora/Io/TensorFile.h"
 #include "kora/Io/TensorPrint.h"
+#include "kora/Quant/Quant.h"

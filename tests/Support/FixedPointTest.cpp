@@ -2,8 +2,11 @@
 // seeded random values.
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <bit>
 #include <cmath>
 #include <random>
+#include <vector>
 
 #include "kora/Support/FixedPoint.h"
 
@@ -156,4 +159,82 @@ TEST(FixedPoint, TruncatingDivisionNeverTraps) {
           << a << " % " << b;
     }
   }
+}
+
+namespace {
+
+// Binary32 values to sweep: every 997th bit pattern, plus the neighbourhoods
+// of the integers and ties around 0, 2^22, 2^23 and 2^24.
+std::vector<float> sweepValues() {
+  std::vector<float> values;
+  for (uint64_t bits = 0; bits <= 0xffffffffu; bits += 997) values.push_back(std::bit_cast<float>(uint32_t(bits)));
+  for (float center : {0.0f, 0x1p22f, 0x1p23f, 0x1p24f, 127.5f, 32767.5f})
+    for (float sign : {1.0f, -1.0f}) {
+      float v = center * sign;
+      for (int i = 0; i < 600; ++i) v = std::nextafter(v, -INFINITY);
+      for (int i = 0; i < 1200; ++i, v = std::nextafter(v, INFINITY)) values.push_back(v);
+    }
+  for (int k = -300; k <= 300; ++k) values.push_back(float(k) + 0.5f);
+  return values;
+}
+
+}  // namespace
+
+TEST(FixedPoint, FloatRoundingMatchesTheLibm) {
+  // libm's nearbyint in round-to-nearest mode and floor are the reference.
+  for (float v : sweepValues()) {
+    const float even = roundHalfToEven(v), down = floorIntegral(v);
+    if (std::isnan(v)) {
+      ASSERT_TRUE(std::isnan(even) && std::isnan(down)) << v;
+      continue;
+    }
+    ASSERT_EQ(std::bit_cast<uint32_t>(even), std::bit_cast<uint32_t>(std::nearbyint(v))) << v;
+    ASSERT_EQ(std::bit_cast<uint32_t>(down), std::bit_cast<uint32_t>(std::floor(v))) << v;
+  }
+  EXPECT_EQ(roundHalfToEven(2.5f), 2.0f);
+  EXPECT_EQ(roundHalfToEven(-2.5f), -2.0f);
+  EXPECT_EQ(roundHalfToEven(3.5f), 4.0f);
+  EXPECT_EQ(floorIntegral(-0.5f), -1.0f);
+  EXPECT_EQ(floorIntegral(8388607.5f), 8388607.0f);
+}
+
+TEST(FixedPoint, SaturatingFloatToInt64) {
+  const float belowTwo63 = std::bit_cast<float>(0x5effffffu);  // 2^63 - 2^39
+  struct Case {
+    float value;
+    int64_t expected;
+  };
+  const Case cases[] = {{NAN, 0},
+                        {-NAN, 0},
+                        {INFINITY, INT64_MAX},
+                        {-INFINITY, INT64_MIN},
+                        {0x1p63f, INT64_MAX},
+                        {-0x1p63f, INT64_MIN},
+                        {-0x1p64f, INT64_MIN},
+                        {belowTwo63, int64_t(9223371487098961920)},
+                        {-belowTwo63, -int64_t(9223371487098961920)},
+                        {-0.0f, 0},
+                        {-2.75f, -2},
+                        {16777217.0f, 16777216}};
+  for (const Case& c : cases) EXPECT_EQ(saturatingFloatToInt64(c.value), c.expected) << c.value;
+}
+
+TEST(FixedPoint, ClampedRoundingEqualsRoundThenSaturateThenClamp) {
+  const std::pair<int64_t, int64_t> ranges[] = {{-128, 127}, {-127, 127}, {0, 255},       {1, 255},
+                                                {-32768, 32767}, {-32767, 32767}, {1, 65535}};
+  std::vector<float> values = sweepValues();
+  for (size_t i = 0; i < values.size(); i += 3) {
+    const float v = values[i];
+    // The reference: libm rounding, then NaN to 0 and saturation in int64, then the clamp.
+    auto reference = [](double rounded, int64_t lo, int64_t hi) {
+      const int64_t q = std::isnan(rounded) ? 0 : rounded >= 0x1p63 ? INT64_MAX : rounded < -0x1p63 ? INT64_MIN : int64_t(rounded);
+      return std::clamp(q, lo, hi);
+    };
+    for (auto [lo, hi] : ranges) {
+      ASSERT_EQ(roundHalfToEvenClamped(v, float(lo), float(hi)), reference(std::nearbyint(v), lo, hi)) << v;
+      ASSERT_EQ(floorClamped(v, float(lo), float(hi)), reference(std::floor(v), lo, hi)) << v;
+    }
+  }
+  EXPECT_EQ(roundHalfToEvenClamped(NAN, 1.0f, 255.0f), 1) << "NaN is 0 before the clamp";
+  EXPECT_EQ(floorClamped(-INFINITY, -127.0f, 127.0f), -127);
 }

@@ -41,5 +41,6 @@ void runElementwise();
 void runRoiAlign();
 void runVelaConv();
 void runBroadcast();
+void runQuantization();
 
 }  // namespace demo

@@ -10,5 +10,6 @@ int main() {
   demo::runRoiAlign();
   demo::runVelaConv();
   demo::runBroadcast();
+  demo::runQuantization();
   return 0;
 }

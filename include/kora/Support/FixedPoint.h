@@ -6,6 +6,7 @@
 // a bare >> on a signed operand. Extend this header rather than writing a
 // local variant in a kernel.
 #include <cmath>
+#include <bit>
 #include <cstdint>
 #include <limits>
 #include <type_traits>
@@ -155,5 +156,70 @@ constexpr uint32_t shiftRightLogical32(uint32_t value, unsigned s) { return valu
 /// The low 32 bits of `value` read as two's complement: what a 32-bit
 /// register keeps of a wider value.
 constexpr int32_t truncateToInt32(int64_t value) { return int32_t(uint32_t(uint64_t(value))); }
+/// `value` rounded to an integral value, ties to even (2.5 -> 2, -2.5 -> -2,
+/// 3.5 -> 4); infinities and NaN come back unchanged and -0.3 gives -0.
+/// Models the binary32 round-to-integral of a thread in round-to-nearest
+/// mode, and needs that mode: the caller sets it (std::fesetround). It adds
+/// and subtracts 2^23, which leaves exactly the integer part of a magnitude
+/// below 2^23; larger magnitudes are integral already. The selects are bit
+/// masks so that loops over it vectorise with the baseline instruction set.
+inline float roundHalfToEven(float value) {
+  const uint32_t bits = std::bit_cast<uint32_t>(value);
+  const uint32_t magnitudeBits = bits & 0x7fffffffu;
+  const float magnitude = std::bit_cast<float>(magnitudeBits);
+  const float rounded = (magnitude + 0x1p23f) - 0x1p23f;
+  const uint32_t roundedBits = std::bit_cast<uint32_t>(rounded) | (bits & 0x80000000u);
+  const uint32_t small = 0u - uint32_t(int32_t(magnitudeBits) < 0x4b000000);  // |value| < 2^23
+  return std::bit_cast<float>((roundedBits & small) | (bits & ~small));
+}
+
+/// The largest integral value not above `value` (binary32 floor); needs
+/// round-to-nearest mode, as roundHalfToEven. One below the nearest integer
+/// when that lies above `value`: then |value| < 2^23 and the subtraction is
+/// exact.
+inline float floorIntegral(float value) {
+  const float nearest = roundHalfToEven(value);
+  const float below = nearest - 1.0f;
+  const uint32_t above = 0u - uint32_t(nearest > value);
+  return std::bit_cast<float>((std::bit_cast<uint32_t>(below) & above) | (std::bit_cast<uint32_t>(nearest) & ~above));
+}
+
+/// The integral binary32 `value` as int64, saturating: NaN gives 0, values
+/// from 2^63 (+infinity included) give INT64_MAX and values below -2^63
+/// (-infinity included) INT64_MIN; anything else is truncated toward zero.
+constexpr int64_t saturatingFloatToInt64(float value) {
+  if (value != value) return 0;
+  if (value >= 0x1p63f) return std::numeric_limits<int64_t>::max();
+  if (value < -0x1p63f) return std::numeric_limits<int64_t>::min();
+  return int64_t(value);
+}
+
+/// clamp64(saturatingFloatToInt64(roundHalfToEven(value)), lo, hi) for
+/// integral bounds of magnitude at most 2^22, computed in binary32 lanes:
+/// NaN becomes 0, the value is clamped (rounding commutes with a clamp to
+/// integers), then rounded by adding and subtracting 1.5 * 2^23, which
+/// leaves the nearest integer, ties to even, of any magnitude below 2^22.
+/// Needs round-to-nearest mode, as roundHalfToEven. Lets loops over 8- and
+/// 16-bit outputs vectorise.
+inline int32_t roundHalfToEvenClamped(float value, float lo, float hi) {
+  const uint32_t ordered = 0u - uint32_t(value == value);
+  float clamped = std::bit_cast<float>(std::bit_cast<uint32_t>(value) & ordered);
+  clamped = clamped < lo ? lo : clamped;
+  clamped = clamped > hi ? hi : clamped;
+  return int32_t((clamped + 0x1.8p23f) - 0x1.8p23f);
+}
+
+/// clamp64(saturatingFloatToInt64(floorIntegral(value)), lo, hi), computed
+/// as roundHalfToEvenClamped, then one down where the nearest integer lies
+/// above the clamped value.
+inline int32_t floorClamped(float value, float lo, float hi) {
+  const uint32_t ordered = 0u - uint32_t(value == value);
+  float clamped = std::bit_cast<float>(std::bit_cast<uint32_t>(value) & ordered);
+  clamped = clamped < lo ? lo : clamped;
+  clamped = clamped > hi ? hi : clamped;
+  const float nearest = (clamped + 0x1.8p23f) - 0x1.8p23f;
+  const uint32_t above = 0u - uint32_t(nearest > clamped);
+  return int32_t(nearest - std::bit_cast<float>(std::bit_cast<uint32_t>(1.0f) & above));
+}
 
 }  // namespace kora::fixed
