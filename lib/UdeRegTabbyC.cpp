@@ -4,6 +4,7 @@
 #include "Kernel/TableBuilder.h"
 #include "kora/Kernel/Registration.h"
 #include "kora/Native/Binary.h"
+#include "kora/Native/Reduce.h"
 #include "kora/Mira/RoiAlign.h"
 #include "kora/Native/Unary.h"
 #include "kora/Vela/Conv2d.h"
@@ -32,6 +33,7 @@ void buildKernelTable(KernelRegistry& t) {
   registerKernel(t, "native::ClampF", &ClampFConfig, &ClampF);
   registerKernel(t, "native::Cos", &CosConfig, &Cos);
   registerKernel(t, "native::Cosh", &CoshConfig, &Cosh);
+  registerKernel(t, "native::CumSum", &CumSumConfig, &CumSum);
   registerKernel(t, "native::Div", &DivConfig, &Div);
   registerKernel(t, "native::Elu", &EluConfig, &Elu);
   registerKernel(t, "native::Equal", &EqualConfig, &Equal);
@@ -65,6 +67,16 @@ void buildKernelTable(KernelRegistry& t) {
   registerKernel(t, "native::Pow", &PowConfig, &Pow);
   registerKernel(t, "native::ReLU", &ReLUConfig, &ReLU);
   registerKernel(t, "native::Reciprocal", &ReciprocalConfig, &Reciprocal);
+  registerKernel(t, "native::ReduceAll", &ReduceAllConfig, &ReduceAll);
+  registerKernel(t, "native::ReduceArgMax", &ReduceArgMaxConfig, &ReduceArgMax);
+  registerKernel(t, "native::ReduceArgMin", &ReduceArgMinConfig, &ReduceArgMin);
+  registerKernel(t, "native::ReduceLogSum", &ReduceLogSumConfig, &ReduceLogSum);
+  registerKernel(t, "native::ReduceMax", &ReduceMaxConfig, &ReduceMax);
+  registerKernel(t, "native::ReduceMean", &ReduceMeanConfig, &ReduceMean);
+  registerKernel(t, "native::ReduceMin", &ReduceMinConfig, &ReduceMin);
+  registerKernel(t, "native::ReduceProd", &ReduceProdConfig, &ReduceProd);
+  registerKernel(t, "native::ReduceSum", &ReduceSumConfig, &ReduceSum);
+  registerKernel(t, "native::ReduceSumSquare", &ReduceSumSquareConfig, &ReduceSumSquare);
   registerKernel(t, "native::Rem", &RemConfig, &Rem);
   registerKernel(t, "native::Round", &RoundConfig, &Round);
   registerKernel(t, "native::Rsqrt", &RsqrtConfig, &Rsqrt);
