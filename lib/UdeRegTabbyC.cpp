@@ -4,6 +4,7 @@
 #include "Kernel/TableBuilder.h"
 #include "kora/Kernel/Registration.h"
 #include "kora/Native/Binary.h"
+#include "kora/Native/MatMul.h"
 #include "kora/Native/Reduce.h"
 #include "kora/Mira/RoiAlign.h"
 #include "kora/Native/Unary.h"
@@ -49,12 +50,15 @@ void buildKernelTable(KernelRegistry& t) {
   registerKernel(t, "native::LeakyReLU", &LeakyReLUConfig, &LeakyReLU);
   registerKernel(t, "native::Less", &LessConfig, &Less);
   registerKernel(t, "native::LessEqual", &LessEqualConfig, &LessEqual);
+  registerKernel(t, "native::Linear", &LinearConfig, &Linear);
+  registerKernel(t, "native::LinearNoBias", &LinearNoBiasConfig, &LinearNoBias);
   registerKernel(t, "native::Log", &LogConfig, &Log);
   registerKernel(t, "native::LogicalAnd", &LogicalAndConfig, &LogicalAnd);
   registerKernel(t, "native::LogicalNot", &LogicalNotConfig, &LogicalNot);
   registerKernel(t, "native::LogicalOr", &LogicalOrConfig, &LogicalOr);
   registerKernel(t, "native::LogicalXor", &LogicalXorConfig, &LogicalXor);
   registerKernel(t, "native::Lut", &LutConfig, &Lut);
+  registerKernel(t, "native::MatMul", &MatMulConfig, &MatMul);
   registerKernel(t, "native::Max", &MaxConfig, &Max);
   registerKernel(t, "native::Min", &MinConfig, &Min);
   registerKernel(t, "native::Mish", &MishConfig, &Mish);
