@@ -41,5 +41,7 @@ void runElementwise();
 void runRoiAlign();
 void runVelaConv();
 void runBroadcast();
+void runReduce();
+void runMatMul();
 
 }  // namespace demo

@@ -10,5 +10,7 @@ int main() {
   demo::runRoiAlign();
   demo::runVelaConv();
   demo::runBroadcast();
+  demo::runReduce();
+  demo::runMatMul();
   return 0;
 }
