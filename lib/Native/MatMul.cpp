@@ -307,8 +307,8 @@ Status linearCompute(Tensor& fout, const Tensor& fin, const Tensor& weight, cons
   if (!fout.isValid() || !fin.isValid() || !weight.isValid() || (bias && !bias->isValid()))
     return Status::failure("fout, fin, weight and bias must hold data");
   if (bias && bias->elementType() != fin.elementType()) return Status::failure("bias must be same with fin");
-  if (fout.elementType() != fin.elementType() || weight.elementType() != fin.elementType())
-    return Status::failure("fout must be same with fin");
+  if (fout.elementType() != fin.elementType()) return Status::failure("fout must be same with fin");
+  if (weight.elementType() != fin.elementType()) return Status::failure("weight must be same with fin");
   if (fout.rank() != fin.rank()) return Status::failure("rank of linear input and output must be same");
   if (weight.rank() != 2) return Status::failure("rank of linear weight must be 2");
   if (fin.rank() < 2) return failure("operands must be at least 2d, but rank {}", fin.rank());

@@ -409,6 +409,7 @@ TEST(MatMulFailures, ExactTextsAndNothingWritten) {
          Tensor o = Tensor::create(ElementType::f16, {2, 2});
          return native::Linear(o, a, weight, bias);
        }, "fout must be same with fin"},
+      {"weight type", [&] { return native::LinearNoBias(out, a, weight.cast(ElementType::f16)); }, "weight must be same with fin"},
       {"ranks", [&] {
          Tensor o = Tensor::create(ElementType::f32, {1, 2, 2});
          return native::LinearNoBias(o, a, weight);

@@ -259,6 +259,104 @@ TEST(ReduceSum, IntegersAreSummedInFoutsOwnType) {
   EXPECT_EQ(valuesOf<int64_t>(OP(ReduceSum)(huge, {0}))[0], INT64_MIN + 1);
 }
 
+TEST(ReduceIntegers, EveryAcceptedTypeAgainstAnInt64Reference) {
+  // Each member on each integer type it accepts, as runs (last axis) and as
+  // lanes (middle axis): the exact result modulo 2^64, wrapped to the type
+  // by Tensor::cast, must match (both read back through the same cast).
+  enum class Kind { Max, Min, Sum, Prod, SumSquare, All, ArgMax, ArgMin };
+  struct Member {
+    const char* name;
+    Kind kind;
+    Reduce op;
+    std::vector<ElementType> types;
+  };
+  const std::vector<ElementType> signedTypes = {ElementType::si8, ElementType::si16, ElementType::si32,
+                                                ElementType::si64};
+  std::vector<ElementType> integerTypes = signedTypes;
+  integerTypes.insert(integerTypes.end(), {ElementType::ui8, ElementType::ui16, ElementType::ui32, ElementType::ui64});
+  const Member members[] = {
+      {"max", Kind::Max, OP(ReduceMax), integerTypes},
+      {"min", Kind::Min, OP(ReduceMin), integerTypes},
+      {"sum", Kind::Sum, OP(ReduceSum), signedTypes},
+      {"prod", Kind::Prod, OP(ReduceProd), {ElementType::si32, ElementType::si64}},
+      {"sumsquare", Kind::SumSquare, OP(ReduceSumSquare), {ElementType::si32, ElementType::si64}},
+      {"all", Kind::All, OP(ReduceAll), signedTypes},
+      {"argmax", Kind::ArgMax, OP(ReduceArgMax), integerTypes},
+      {"argmin", Kind::ArgMin, OP(ReduceArgMin), integerTypes},
+  };
+  const std::vector<long> shape = {3, 37, 9};
+  std::mt19937_64 rng(17);
+  for (const Member& member : members) {
+    for (ElementType type : member.types) {
+      // Values that fit the type; small ones where products must wrap after
+      // a few dozen steps rather than at once, and some zeros for All.
+      std::vector<int64_t> values(size_t(3 * 37 * 9));
+      for (int64_t& v : values) {
+        const uint64_t r = rng();
+        if (member.kind == Kind::Prod) v = int64_t(r % 7) - 3;
+        else if (member.kind == Kind::All) v = (r % 5 == 0) ? 0 : int64_t(r % 200) - 100;
+        else v = int64_t(r);
+      }
+      Tensor fin = tensorOf<int64_t>(ElementType::si64, shape, values).cast(type);
+      const auto stored = valuesOf<int64_t>(fin.cast(ElementType::si64));  // the values as the type holds them
+      const bool isUnsigned = isUnsignedInt(type);
+      for (int64_t axis : {1, 2}) {
+        SCOPED_TRACE(std::string(member.name) + " " + elementTypeName(type) + " axis " + std::to_string(axis));
+        const auto groups = groupIndices(shape, reducedAxes(3, {axis}));
+        std::vector<int64_t> expected;
+        for (const auto& g : groups) {
+          uint64_t acc = member.kind == Kind::Prod || member.kind == Kind::All ? 1 : 0;
+          int64_t best = 0;
+          for (size_t i = 0; i < g.size(); ++i) {
+            const int64_t x = stored[size_t(g[i])];
+            const uint64_t ux = uint64_t(x);
+            const bool less = isUnsigned ? ux < uint64_t(stored[size_t(g[best])]) : x < stored[size_t(g[best])];
+            const bool more = isUnsigned ? ux > uint64_t(stored[size_t(g[best])]) : x > stored[size_t(g[best])];
+            switch (member.kind) {
+              case Kind::Max: case Kind::ArgMax: if (more) best = int64_t(i); break;
+              case Kind::Min: case Kind::ArgMin: if (less) best = int64_t(i); break;
+              case Kind::Sum: acc += ux; break;
+              case Kind::Prod: acc *= ux; break;
+              case Kind::SumSquare: acc += ux * ux; break;
+              case Kind::All: acc = acc && x != 0; break;
+            }
+          }
+          if (member.kind == Kind::Max || member.kind == Kind::Min) acc = uint64_t(stored[size_t(g[best])]);
+          if (member.kind == Kind::ArgMax || member.kind == Kind::ArgMin) acc = uint64_t(best);
+          expected.push_back(int64_t(acc));
+        }
+        const bool arg = member.kind == Kind::ArgMax || member.kind == Kind::ArgMin;
+        Tensor out = member.op(fin, {axis}, false, arg ? type : ElementType::invalid);
+        EXPECT_EQ(out.elementType(), type);
+        Tensor reference = tensorOf<int64_t>(ElementType::si64, out.shape().vec(), expected).cast(type);
+        EXPECT_EQ(valuesOf<int64_t>(out.cast(ElementType::si64)), valuesOf<int64_t>(reference.cast(ElementType::si64)));
+      }
+    }
+  }
+  // CumSum on every signed type, along runs and lanes.
+  for (ElementType type : signedTypes) {
+    std::vector<int64_t> values(3 * 37 * 9);
+    for (int64_t& v : values) v = int64_t(rng());
+    Tensor fin = tensorOf<int64_t>(ElementType::si64, shape, values).cast(type);
+    const auto stored = valuesOf<int64_t>(fin.cast(ElementType::si64));
+    for (long axis : {0, 2}) {
+      SCOPED_TRACE(std::string("cumsum ") + elementTypeName(type) + " axis " + std::to_string(axis));
+      std::vector<int64_t> expected(stored.size());
+      const auto strides = getStrides(shape, 1);
+      for (size_t i = 0; i < stored.size(); ++i) {
+        const auto c = getCoord(long(i), shape, strides);
+        uint64_t acc = 0;
+        for (long j = 0; j <= c[size_t(axis)]; ++j) acc += uint64_t(stored[size_t(long(i) + (j - c[size_t(axis)]) * strides[size_t(axis)])]);
+        expected[i] = int64_t(acc);
+      }
+      Tensor out = Tensor::create(type, shape);
+      ASSERT_TRUE(native::CumSum(out, fin, axis, false, false).ok());
+      Tensor reference = tensorOf<int64_t>(ElementType::si64, shape, expected).cast(type);
+      EXPECT_EQ(valuesOf<int64_t>(out.cast(ElementType::si64)), valuesOf<int64_t>(reference.cast(ElementType::si64)));
+    }
+  }
+}
+
 TEST(ReduceMean, EachElementIsScaledBeforeItIsAdded) {
   struct Case {
     const char* what;

@@ -10,33 +10,36 @@
 // two vectors give their dot product as a rank-0 tensor. MatMulConfig checks,
 // in order, and fails with "MatMul config error: <reason>":
 //   "Matmul inputs should not have dynamic shape" (a size below 0),
+//   "operands must be at least 1d, but rank 0" (a rank-0 operand),
 //   "lhs and rhs axis -1 is not equal, lhs[-1]:{}, rhs[-1]:{}" (two vectors),
 //   "lhs[-1]:{} is not equal to rhs[0]:{}" (rank-1 rhs),
 //   "lhs[-1]:{} is not equal to rhs[-2]:{}",
 //   "lhs[{}]:{} is not equal to rhs[{}]:{}" (a batch axis, each operand's own
 //   axis index and size),
 // then sets fout's shape and, when unset, lhs's element type. MatMul checks
-// "operands tensor element type miss" (lhs, rhs and fout of one type) and
-// "two operands shape miss" (the shapes no longer agree, fout's included).
+// "fout, lhs and rhs must hold data", "operands tensor element type miss"
+// (lhs, rhs and fout of one type) and "two operands shape miss" (the shapes
+// no longer agree, fout's included).
 //
 // Linear(fout, fin, weight, bias): fout[..., n] = sum over c of
 // fin[..., c] * weight[n, c], plus bias[n]; LinearNoBias without the bias.
-// weight is [N, C]; bias holds N elements (any shape, read in row-major
-// order). LinearConfig checks, in order ("Linear config error: " /
-// "LinearNoBias config error: "):
+// weight is [N, C] (weight.n and weight.c are its last two axes, and the
+// compute requires exactly two); bias holds N elements in any shape, read
+// in row-major order. LinearConfig checks, in order, and fails with
+// "Linear config error: " / "LinearNoBias config error: " and
 //   "Linear inputs should not have dynamic shape",
-//   "operands must be at least 2d, but rank {}" (fin, then weight: the bias
+//   "operands must be at least 2d, but rank {}" (fin, then weight; the bias
 //   may have any rank),
-//   "input.c:[{}] must be equal to weight.c:[{}]" (fin's last axis against
-//   weight's last),
-//   "weight.n:[{}] must be equal to bias:[{}]" (weight's first axis against
-//   the bias's element count),
+//   "input.c:[{}] must be equal to weight.c:[{}]",
+//   "weight.n:[{}] must be equal to bias:[{}]" (the bias's element count),
 // then gives fout fin's shape with the last axis N and, when unset, fin's
-// type. Linear checks "bias must be same with fin", "fout must be same with
-// fin" (element types), "rank of linear input and output must be same",
-// "rank of linear weight must be 2", "channel number for linear weight and
+// type. Linear checks, in order: "fout, fin, weight and bias must hold
+// data", then the element types ("bias must be same with fin", "fout must
+// be same with fin", "weight must be same with fin"), "rank of linear input
+// and output must be same", "rank of linear weight must be 2", "operands
+// must be at least 2d, but rank {}", "channel number for linear weight and
 // input must be same", "channel number for linear weight and output must be
-// same", then "shape mismatch" (fout's other axes differ from fin's) and the
+// same", "shape mismatch" (fout's other axes differ from fin's) and the
 // bias count as in Config. Nothing is written on failure.
 //
 // Arithmetic: every output element starts from +0 and adds the products
