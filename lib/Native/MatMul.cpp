@@ -23,7 +23,10 @@ namespace {
 using ProductTypes = decltype(FloatTypes{} + SignedTypes{});
 
 /// The accumulator of an element type: f32 for f16 and f32, f64 for f64,
-/// int64 for the integers.
+/// int64 for the integers. An si8 or si16 product is at most 2^30 in
+/// magnitude, so their sums cannot leave int64 before 2^33 terms and the
+/// final saturation sees the exact sum; si32 and si64 sums may wrap at 64
+/// bits first, as documented.
 template <class T>
 using Accumulator = std::conditional_t<std::is_integral_v<T>, int64_t, ComputeType<T>>;
 
