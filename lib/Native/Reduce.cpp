@@ -24,26 +24,31 @@ using AllTypes = TypeList<int8_t, int16_t, int32_t, int64_t, float, half, Bool8>
 template <class C>
 constexpr bool isIntegral = std::is_integral_v<C>;
 
-/// The larger value, as native::Max: a NaN wins, and of two zeros +0.
+/// The larger value, as native::Max: a NaN wins, and of two zeros +0. The
+/// ordered cases are decided first, by one comparison each.
 template <class C>
 C maxOf(C x, C val) {
+  if (x > val) return x;
   if constexpr (!isIntegral<C>) {
+    if (x < val) return val;
     if (std::isnan(x)) return x;
     if (std::isnan(val)) return val;
-    if (x == val) return std::signbit(x) ? val : x;
+    return std::signbit(x) ? val : x;  // equal: of two zeros, +0
   }
-  return x > val ? x : val;
+  return val;
 }
 
 /// The smaller value, as native::Min: a NaN wins, and of two zeros -0.
 template <class C>
 C minOf(C x, C val) {
+  if (x < val) return x;
   if constexpr (!isIntegral<C>) {
+    if (x > val) return val;
     if (std::isnan(x)) return x;
     if (std::isnan(val)) return val;
-    if (x == val) return std::signbit(x) ? x : val;
+    return std::signbit(x) ? x : val;  // equal: of two zeros, -0
   }
-  return x < val ? x : val;
+  return val;
 }
 
 struct MaxOp : FoldOp {

@@ -5,6 +5,7 @@
 // outputs; f16, f64 and integer accumulation; traces, failures and traps.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <bit>
 #include <cmath>
 #include <functional>
@@ -148,7 +149,9 @@ TEST(MatMul, EqualsTheSequentialKSumAcrossTilesBlocksAndBatches) {
                                                   [&](long i) { return b[size_t(i)]; });
     std::vector<uint32_t> expectedBits;
     for (float v : expected) expectedBits.push_back(std::bit_cast<uint32_t>(v));
-    Tensor lhs = tensorOf<float>(ElementType::f32, c.lhs, a), rhs = tensorOf<float>(ElementType::f32, c.rhs, b);
+    Tensor lhs = Tensor::create(ElementType::f32, c.lhs), rhs = Tensor::create(ElementType::f32, c.rhs);
+    std::copy(a.begin(), a.end(), lhs.data<float>().begin());
+    std::copy(b.begin(), b.end(), rhs.data<float>().begin());
     EXPECT_EQ(bitsOf<float>(matmul(lhs, rhs)), expectedBits) << "compact";
     EXPECT_EQ(bitsOf<float>(matmul(transposedCopy(lhs), transposedCopy(rhs))), expectedBits) << "transposed operands";
     // A transposed output takes the scratch path.

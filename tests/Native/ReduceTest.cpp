@@ -492,7 +492,9 @@ TEST(ReduceMembers, HandWorkedValuesPerMember) {
     Dims dims;
     std::vector<double> expected;  // in fout's type, read as double
   };
-  auto f32 = [](std::vector<long> shape, std::vector<float> v) { return tensorOf<float>(ElementType::f32, shape, v); };
+  auto f32 = [](std::vector<long> shape, std::vector<float> v) {
+    return v.empty() ? Tensor::create(ElementType::f32, shape) : tensorOf<float>(ElementType::f32, shape, v);
+  };
   auto si = [](ElementType t, std::vector<long> shape, std::vector<int64_t> v) {
     return tensorOf<int64_t>(ElementType::si64, shape, v).cast(t);
   };
