@@ -4,6 +4,8 @@
 #include "Kernel/TableBuilder.h"
 #include "kora/Kernel/Registration.h"
 #include "kora/Native/Binary.h"
+#include "kora/Native/MatMul.h"
+#include "kora/Native/Reduce.h"
 #include "kora/Mira/RoiAlign.h"
 #include "kora/Native/Unary.h"
 #include "kora/Vela/Conv2d.h"
@@ -33,6 +35,7 @@ void buildKernelTable(KernelRegistry& t) {
   registerKernel(t, "native::ClampF", &ClampFConfig, &ClampF);
   registerKernel(t, "native::Cos", &CosConfig, &Cos);
   registerKernel(t, "native::Cosh", &CoshConfig, &Cosh);
+  registerKernel(t, "native::CumSum", &CumSumConfig, &CumSum);
   registerKernel(t, "native::Div", &DivConfig, &Div);
   registerKernel(t, "native::Elu", &EluConfig, &Elu);
   registerKernel(t, "native::Equal", &EqualConfig, &Equal);
@@ -48,12 +51,15 @@ void buildKernelTable(KernelRegistry& t) {
   registerKernel(t, "native::LeakyReLU", &LeakyReLUConfig, &LeakyReLU);
   registerKernel(t, "native::Less", &LessConfig, &Less);
   registerKernel(t, "native::LessEqual", &LessEqualConfig, &LessEqual);
+  registerKernel(t, "native::Linear", &LinearConfig, &Linear);
+  registerKernel(t, "native::LinearNoBias", &LinearNoBiasConfig, &LinearNoBias);
   registerKernel(t, "native::Log", &LogConfig, &Log);
   registerKernel(t, "native::LogicalAnd", &LogicalAndConfig, &LogicalAnd);
   registerKernel(t, "native::LogicalNot", &LogicalNotConfig, &LogicalNot);
   registerKernel(t, "native::LogicalOr", &LogicalOrConfig, &LogicalOr);
   registerKernel(t, "native::LogicalXor", &LogicalXorConfig, &LogicalXor);
   registerKernel(t, "native::Lut", &LutConfig, &Lut);
+  registerKernel(t, "native::MatMul", &MatMulConfig, &MatMul);
   registerKernel(t, "native::Max", &MaxConfig, &Max);
   registerKernel(t, "native::Min", &MinConfig, &Min);
   registerKernel(t, "native::Mish", &MishConfig, &Mish);
@@ -66,6 +72,16 @@ void buildKernelTable(KernelRegistry& t) {
   registerKernel(t, "native::Pow", &PowConfig, &Pow);
   registerKernel(t, "native::ReLU", &ReLUConfig, &ReLU);
   registerKernel(t, "native::Reciprocal", &ReciprocalConfig, &Reciprocal);
+  registerKernel(t, "native::ReduceAll", &ReduceAllConfig, &ReduceAll);
+  registerKernel(t, "native::ReduceArgMax", &ReduceArgMaxConfig, &ReduceArgMax);
+  registerKernel(t, "native::ReduceArgMin", &ReduceArgMinConfig, &ReduceArgMin);
+  registerKernel(t, "native::ReduceLogSum", &ReduceLogSumConfig, &ReduceLogSum);
+  registerKernel(t, "native::ReduceMax", &ReduceMaxConfig, &ReduceMax);
+  registerKernel(t, "native::ReduceMean", &ReduceMeanConfig, &ReduceMean);
+  registerKernel(t, "native::ReduceMin", &ReduceMinConfig, &ReduceMin);
+  registerKernel(t, "native::ReduceProd", &ReduceProdConfig, &ReduceProd);
+  registerKernel(t, "native::ReduceSum", &ReduceSumConfig, &ReduceSum);
+  registerKernel(t, "native::ReduceSumSquare", &ReduceSumSquareConfig, &ReduceSumSquare);
   registerKernel(t, "native::Rem", &RemConfig, &Rem);
   registerKernel(t, "native::Round", &RoundConfig, &Round);
   registerKernel(t, "native::Rsqrt", &RsqrtConfig, &Rsqrt);

@@ -5,6 +5,7 @@ set -euo pipefail
 packages=(
   g++ cmake ninja-build make git pkg-config
   libfmt-dev libspdlog-dev libgtest-dev libbenchmark-dev
+  libopenblas-dev  # the MatMul benchmark's baseline only
   python3-dev pybind11-dev python3-numpy python3-pytest
 )
 

@@ -29,6 +29,8 @@
 
 #include "kora/Native/Binary.h"
 #include "kora/Native/Elementwise.h"
+#include "kora/Native/MatMul.h"
+#include "kora/Native/Reduce.h"
 #include "kora/Native/Unary.h"
 
 #include "kora/Mira/RoiAlign.h"

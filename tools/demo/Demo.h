@@ -42,5 +42,7 @@ void runRoiAlign();
 void runVelaConv();
 void runBroadcast();
 void runQuantization();
+void runReduce();
+void runMatMul();
 
 }  // namespace demo

@@ -7,9 +7,11 @@ int main() {
   std::printf("libkora %s (%s)\n", KORA_VERSION, KORA_GIT_HASH);
   demo::showKernelTable();
   demo::runElementwise();
+  demo::runBroadcast();
+  demo::runReduce();
+  demo::runMatMul();
+  demo::runQuantization();
   demo::runRoiAlign();
   demo::runVelaConv();
-  demo::runBroadcast();
-  demo::runQuantization();
   return 0;
 }
