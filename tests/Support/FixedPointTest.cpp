@@ -76,7 +76,6 @@ TEST(FixedPoint, BitFields) {
   EXPECT_EQ(signExtend(0x10000, 17), -65536);
 }
 
-<<<<<<< HEAD
 TEST(FixedPoint, DivisionByZeroGivesZero) {
   EXPECT_EQ(divideOrZero<uint32_t>(7, 0), 0u);
   EXPECT_EQ(divideOrZero<uint32_t>(0xffffffffu, 1), 0xffffffffu);
@@ -103,7 +102,8 @@ TEST(FixedPoint, RoundHalfAwayThenSaturate) {
     const int64_t magnitude = ((quarters < 0 ? -quarters : quarters) + 2) / 4;  // ties away from zero
     ASSERT_EQ(roundHalfAwaySaturate<int32_t>(double(quarters) / 4), quarters < 0 ? -magnitude : magnitude);
   }
-=======
+}
+
 TEST(FixedPoint, DirectionalShiftsAndRegisterWidths) {
   struct Case {
     int64_t value;
@@ -127,5 +127,4 @@ TEST(FixedPoint, DirectionalShiftsAndRegisterWidths) {
   EXPECT_EQ(truncateToInt32((int64_t(1) << 32) - 1), -1);
   EXPECT_EQ(truncateToInt32(int64_t(INT32_MAX) + 1), INT32_MIN);
   EXPECT_EQ(truncateToInt32(-5), -5);
->>>>>>> issue6
 }
