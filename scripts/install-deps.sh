@@ -5,6 +5,7 @@ set -euo pipefail
 packages=(
   g++ cmake ninja-build make git pkg-config
   libfmt-dev libspdlog-dev libgtest-dev libbenchmark-dev
+  libmpfr-dev  # test-only: the soft-float oracle
 )
 
 missing=()

@@ -1,0 +1,180 @@
+#pragma once
+// The accelerator's own floating arithmetic, in integers: the formats fp16
+// (5, 10), bf16 (8, 7), fp24 (8, 15) and float32 (8, 23), described by
+// (exponent bits, fraction bits) as FloatFormat; conversions among them in
+// the four rounding directions; and fp24, the upper 24 bits of a binary32
+// held in the low 24 bits of a 32-bit word, with its addition and
+// multiplication. Results do not depend on the thread's rounding mode.
+//
+// How the hardware formats differ from IEEE 754, and what this module
+// chose where the hardware leaves it open:
+// - No subnormals. An operand whose exponent field is zero reads as a zero
+//   of its sign; a result whose magnitude, once rounded, is below the
+//   smallest normal number becomes a zero of its sign. The exceptions are
+//   float32ToFp24 and f24ToF32, plain shifts that keep every pattern as it
+//   falls (an fp24 subnormal read by the arithmetic is then a zero).
+// - Conversions (`convert`): an operand whose exponent is all ones keeps
+//   only its sign and exponent, so a NaN becomes an infinity; a result too
+//   large for the target becomes the target's infinity in every direction.
+//   float32 to fp24 is always the truncating shift, whatever the direction.
+// - Arithmetic (fp24Add, fp24Mul): exact result rounded to nearest, ties to
+//   even, into fp24 (16 significant bits); overflow gives infinity. A NaN
+//   operand comes out quiet (fraction bit 14 set) with its sign and the
+//   rest of its payload; of two NaNs the first operand's wins. Invalid
+//   operations (infinity minus infinity, zero times infinity) give the
+//   default NaN 0x7fc000. An exact zero sum is +0 unless both operands are
+//   negative zeros.
+// - fp24ToInt rounds in the direction it is given and saturates to the
+//   caller's range; NaN gives 0.
+#include <bit>
+#include <cstdint>
+#include <utility>
+
+#include <fmt/format.h>
+
+#include "kora/Support/FloatFormat.h"
+
+namespace kora::softfloat {
+
+inline constexpr uint32_t kFp24Mask = 0xffffff;
+inline constexpr uint32_t kFp24Infinity = 0x7f8000;
+inline constexpr uint32_t kFp24DefaultNaN = 0x7fc000;
+inline constexpr uint32_t kFp24QuietBit = 0x4000;
+
+/// How the hardware rounds: no subnormals, overflow to infinity.
+constexpr RoundingRule hardwareRule(FloatRounding mode) { return {mode, true, true}; }
+
+constexpr bool fp24IsNaN(uint32_t a) { return (a & 0x7fffff) > kFp24Infinity; }
+
+/// A float32 pattern cut to fp24: the low 8 fraction bits are dropped
+/// (truncation of the magnitude); NaN and subnormal patterns fall as they are.
+constexpr uint32_t float32ToFp24(uint32_t float32Bits) { return float32Bits >> 8; }
+constexpr uint32_t float32ToFp24(float x) { return float32ToFp24(std::bit_cast<uint32_t>(x)); }
+
+/// The float32 pattern of an fp24 value (exact).
+constexpr uint32_t fp24ToFp32Bits(uint32_t fp24) { return (fp24 & kFp24Mask) << 8; }
+constexpr float f24ToF32(uint32_t fp24) { return std::bit_cast<float>(fp24ToFp32Bits(fp24)); }
+
+/// `bits` of format `from` converted to format `to`, rounded in `mode`.
+/// Formats up to 32 bits wide; bits above from's width are ignored.
+constexpr uint32_t convert(uint32_t bits, FloatFormat from, FloatFormat to, FloatRounding mode) {
+  if (from == kFloat32 && to == kFp24) return float32ToFp24(bits);
+  if (from == kFp24 && to == kFloat32) return fp24ToFp32Bits(bits);
+  const bool negative = (bits & from.signBit()) != 0;
+  const uint64_t sign = negative ? to.signBit() : 0;
+  const uint64_t exponent = from.exponentField(bits);
+  if (exponent == from.exponentField(from.infinity())) return uint32_t(sign | to.infinity());
+  if (exponent == 0) return uint32_t(sign);
+  const uint64_t significand = (bits & from.fractionMask()) | (uint64_t(1) << from.fractionBits);
+  return uint32_t(roundToFormat(to, negative, significand, int(exponent) - from.bias() - from.fractionBits,
+                                hardwareRule(mode)));
+}
+
+/// An int32 in fp24, rounded to nearest, ties to even: exact up to 2^16 in
+/// magnitude, spaced by 2 up to 2^17 and so on.
+constexpr uint32_t intToFp24(int32_t value) {
+  const bool negative = value < 0;
+  const uint64_t magnitude = negative ? uint64_t(0) - uint64_t(int64_t(value)) : uint64_t(value);
+  return uint32_t(roundToFormat(kFp24, negative, magnitude, 0, hardwareRule(FloatRounding::NearestEven)));
+}
+
+namespace detail {
+
+constexpr uint32_t exponentOf(uint32_t a) { return (a >> 15) & 0xff; }
+constexpr uint64_t significandOf(uint32_t a) { return (a & 0x7fff) | 0x8000; }
+/// The NaN an operation with a NaN operand returns.
+constexpr uint32_t propagateNaN(uint32_t a, uint32_t b) { return (fp24IsNaN(a) ? a : b) | kFp24QuietBit; }
+
+}  // namespace detail
+
+/// a * b in fp24, rounded to nearest, ties to even.
+constexpr uint32_t fp24Mul(uint32_t a, uint32_t b) {
+  using namespace detail;
+  a &= kFp24Mask;
+  b &= kFp24Mask;
+  const bool negative = ((a ^ b) & 0x800000) != 0;
+  const uint32_t sign = negative ? 0x800000 : 0;
+  const uint32_t ea = exponentOf(a), eb = exponentOf(b);
+  if (ea == 0xff || eb == 0xff) {
+    if (fp24IsNaN(a) || fp24IsNaN(b)) return propagateNaN(a, b);
+    return (ea == 0 || eb == 0) ? kFp24DefaultNaN : sign | kFp24Infinity;  // 0 * inf is invalid
+  }
+  if (ea == 0 || eb == 0) return sign;
+  // Two 16-bit significands: the product has 31 or 32 bits, exactly.
+  const uint64_t product = significandOf(a) * significandOf(b);
+  return uint32_t(roundToFormat(kFp24, negative, product, int(ea + eb) - 2 * 127 - 30,
+                                hardwareRule(FloatRounding::NearestEven)));
+}
+
+/// a + b in fp24, rounded to nearest, ties to even.
+constexpr uint32_t fp24Add(uint32_t a, uint32_t b) {
+  using namespace detail;
+  a &= kFp24Mask;
+  b &= kFp24Mask;
+  uint32_t ea = exponentOf(a), eb = exponentOf(b);
+  if (ea == 0xff || eb == 0xff) {
+    if (fp24IsNaN(a) || fp24IsNaN(b)) return propagateNaN(a, b);
+    if (ea == 0xff && eb == 0xff && a != b) return kFp24DefaultNaN;  // inf - inf
+    return ea == 0xff ? a : b;
+  }
+  if (ea == 0) return eb == 0 ? (a & b & 0x800000) : b;  // zeros: -0 only from -0 + -0
+  if (eb == 0) return a;
+  if (ea < eb) {
+    std::swap(a, b);
+    std::swap(ea, eb);
+  }
+  // Past 40 binades the smaller operand is far below half a unit of the
+  // larger one, and nearest rounding returns the larger unchanged.
+  const uint32_t gap = ea - eb;
+  if (gap > 40) return a;
+  // Exact sum of the significands in units of b's last bit: at most 57 bits.
+  const int64_t wide = int64_t(significandOf(a) << gap), narrow = int64_t(significandOf(b));
+  const int64_t sum = ((a ^ b) & 0x800000) ? wide - narrow : wide + narrow;
+  if (sum == 0) return 0;
+  const bool negativeA = (a & 0x800000) != 0;
+  const bool negative = (sum < 0) != negativeA;
+  const uint64_t magnitude = uint64_t(sum < 0 ? -sum : sum);
+  return uint32_t(roundToFormat(kFp24, negative, magnitude, int(eb) - 127 - 15,
+                                hardwareRule(FloatRounding::NearestEven)));
+}
+
+/// An fp24 value as an integer, rounded in `mode` and saturated to [lo, hi]
+/// (lo <= 0 <= hi); NaN gives 0, infinities saturate, a zero exponent reads
+/// as zero.
+constexpr int64_t fp24ToInt(uint32_t a, int64_t lo, int64_t hi, FloatRounding mode) {
+  using namespace detail;
+  a &= kFp24Mask;
+  const bool negative = (a & 0x800000) != 0;
+  const uint32_t e = exponentOf(a);
+  if (fp24IsNaN(a)) return 0;
+  if (e == 0) return 0;
+  // value = significand * 2^(e - 142), below 2^63 up to a shift of 47; past
+  // that every int64 range saturates.
+  const int shift = int(e) - 142;
+  uint64_t magnitude;
+  if (e == 0xff || shift > 47)
+    return negative ? lo : hi;
+  else if (shift >= 0)
+    magnitude = significandOf(a) << shift;
+  else
+    magnitude = kora::detail::roundShiftRight(significandOf(a), -shift, mode, negative);
+  if (negative) return magnitude > uint64_t(0) - uint64_t(lo) ? lo : int64_t(uint64_t(0) - magnitude);
+  return magnitude > uint64_t(hi) ? hi : int64_t(magnitude);
+}
+
+/// An fp24 value as trace lines print it: the pattern, then its float32
+/// reading in parentheses ("0x3fc000(1.5)").
+struct Fp24Reading {
+  uint32_t bits;
+};
+
+}  // namespace kora::softfloat
+
+template <>
+struct fmt::formatter<kora::softfloat::Fp24Reading> {
+  constexpr auto parse(fmt::format_parse_context& ctx) { return ctx.begin(); }
+  template <class Ctx>
+  auto format(const kora::softfloat::Fp24Reading& r, Ctx& ctx) const {
+    return fmt::format_to(ctx.out(), "0x{:06x}({})", r.bits, kora::softfloat::f24ToF32(r.bits));
+  }
+};
