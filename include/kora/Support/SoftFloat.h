@@ -168,6 +168,12 @@ struct Fp24Reading {
   uint32_t bits;
 };
 
+/// A float32 as trace lines print it: the pattern, then its reading
+/// ("0x3fc00000(1.5)").
+struct Float32Reading {
+  float value;
+};
+
 }  // namespace kora::softfloat
 
 template <>
@@ -176,5 +182,14 @@ struct fmt::formatter<kora::softfloat::Fp24Reading> {
   template <class Ctx>
   auto format(const kora::softfloat::Fp24Reading& r, Ctx& ctx) const {
     return fmt::format_to(ctx.out(), "0x{:06x}({})", r.bits, kora::softfloat::f24ToF32(r.bits));
+  }
+};
+
+template <>
+struct fmt::formatter<kora::softfloat::Float32Reading> {
+  constexpr auto parse(fmt::format_parse_context& ctx) { return ctx.begin(); }
+  template <class Ctx>
+  auto format(const kora::softfloat::Float32Reading& r, Ctx& ctx) const {
+    return fmt::format_to(ctx.out(), "0x{:08x}({})", std::bit_cast<uint32_t>(r.value), r.value);
   }
 };
