@@ -17,6 +17,7 @@
 #include "kora/Support/FixedPoint.h"
 #include "kora/Support/FloatFormat.h"
 #include "kora/Support/Half.h"
+#include "kora/Support/SoftFloat.h"
 #include "kora/Support/StridedWalk.h"
 
 #include "kora/Kernel/Argument.h"
@@ -33,3 +34,5 @@
 #include "kora/Mira/RoiAlign.h"
 #include "kora/Vela/Conv2d.h"
 #include "kora/Vela/Intrinsic.h"
+#include "kora/Lyra/Conv2d.h"
+#include "kora/Lyra/Intrinsic.h"
