@@ -48,12 +48,12 @@ constexpr bool fp24IsNaN(uint32_t a) { return (a & 0x7fffff) > kFp24Infinity; }
 
 /// A float32 pattern cut to fp24: the low 8 fraction bits are dropped
 /// (truncation of the magnitude); NaN and subnormal patterns fall as they are.
-constexpr uint32_t float32ToFp24(uint32_t float32Bits) { return float32Bits >> 8; }
+[[gnu::always_inline]] constexpr uint32_t float32ToFp24(uint32_t float32Bits) { return float32Bits >> 8; }
 constexpr uint32_t float32ToFp24(float x) { return float32ToFp24(std::bit_cast<uint32_t>(x)); }
 
 /// The float32 pattern of an fp24 value (exact).
-constexpr uint32_t fp24ToFp32Bits(uint32_t fp24) { return (fp24 & kFp24Mask) << 8; }
-constexpr float f24ToF32(uint32_t fp24) { return std::bit_cast<float>(fp24ToFp32Bits(fp24)); }
+[[gnu::always_inline]] constexpr uint32_t fp24ToFp32Bits(uint32_t fp24) { return (fp24 & kFp24Mask) << 8; }
+[[gnu::always_inline]] constexpr float f24ToF32(uint32_t fp24) { return std::bit_cast<float>(fp24ToFp32Bits(fp24)); }
 
 /// `bits` of format `from` converted to format `to`, rounded in `mode`.
 /// Formats up to 32 bits wide; bits above from's width are ignored.
@@ -70,96 +70,107 @@ constexpr uint32_t convert(uint32_t bits, FloatFormat from, FloatFormat to, Floa
                                 hardwareRule(mode)));
 }
 
-/// An int32 in fp24, rounded to nearest, ties to even: exact up to 2^16 in
-/// magnitude, spaced by 2 up to 2^17 and so on.
-constexpr uint32_t intToFp24(int32_t value) {
-  const bool negative = value < 0;
-  const uint64_t magnitude = negative ? uint64_t(0) - uint64_t(int64_t(value)) : uint64_t(value);
-  return uint32_t(roundToFormat(kFp24, negative, magnitude, 0, hardwareRule(FloatRounding::NearestEven)));
-}
-
 namespace detail {
 
 constexpr uint32_t exponentOf(uint32_t a) { return (a >> 15) & 0xff; }
-constexpr uint64_t significandOf(uint32_t a) { return (a & 0x7fff) | 0x8000; }
 /// The NaN an operation with a NaN operand returns.
 constexpr uint32_t propagateNaN(uint32_t a, uint32_t b) { return (fp24IsNaN(a) ? a : b) | kFp24QuietBit; }
 
+/// A finite fp24 as a double (exact).
+[[gnu::always_inline]] constexpr double normalToDouble(uint32_t a) { return double(f24ToF32(a)); }
+
+/// x, a double computed exactly or within one unit of its last place,
+/// rounded to 16 significant bits to nearest, ties to even, by integer
+/// arithmetic on its pattern (the 37 low fraction bits decide; a carry runs
+/// into the exponent), then fitted to fp24: infinity from 2^128, a zero of
+/// its sign below 2^-126.
+///
+/// Why a double is enough: a product of two 16-bit significands has 32 bits
+/// and a sum of two operands at most 37 binades apart 53, so both are exact.
+/// A sum of operands further apart is within one unit of 2^-52 of the larger
+/// one, while the nearest point halfway between fp24 neighbours is 2^-17 of
+/// it away: however the double was rounded, it rounds to the same fp24 as
+/// the exact sum. So the result depends neither on the thread's rounding
+/// mode nor on the double's own rounding.
+[[gnu::always_inline]] constexpr uint32_t roundDoubleToFp24(double x) {
+  uint64_t bits = std::bit_cast<uint64_t>(x);
+  bits += ((uint64_t(1) << 36) - 1) + ((bits >> 37) & 1);
+  const uint32_t sign = uint32_t(bits >> 63) << 23;
+  const int exponent = int((bits >> 52) & 0x7ff) - 1023 + 127;  // fp24's biased exponent
+  if (exponent >= 0xff) return sign | kFp24Infinity;
+  if (exponent <= 0) return sign;  // below 2^-126, zero included
+  return sign | uint32_t(exponent) << 15 | uint32_t((bits >> 37) & 0x7fff);
+}
+
 }  // namespace detail
 
+/// An int32 in fp24, rounded to nearest, ties to even: exact up to 2^16 in
+/// magnitude, spaced by 2 up to 2^17 and so on.
+[[gnu::always_inline]] constexpr uint32_t intToFp24(int32_t value) { return detail::roundDoubleToFp24(double(value)); }
+
 /// a * b in fp24, rounded to nearest, ties to even.
-constexpr uint32_t fp24Mul(uint32_t a, uint32_t b) {
+[[gnu::always_inline]] constexpr uint32_t fp24Mul(uint32_t a, uint32_t b) {
   using namespace detail;
   a &= kFp24Mask;
   b &= kFp24Mask;
-  const bool negative = ((a ^ b) & 0x800000) != 0;
-  const uint32_t sign = negative ? 0x800000 : 0;
   const uint32_t ea = exponentOf(a), eb = exponentOf(b);
+  if (ea - 1 < 0xfe && eb - 1 < 0xfe)  // both normal: the usual case
+    return roundDoubleToFp24(normalToDouble(a) * normalToDouble(b));
+  const uint32_t sign = (a ^ b) & 0x800000;
   if (ea == 0xff || eb == 0xff) {
     if (fp24IsNaN(a) || fp24IsNaN(b)) return propagateNaN(a, b);
     return (ea == 0 || eb == 0) ? kFp24DefaultNaN : sign | kFp24Infinity;  // 0 * inf is invalid
   }
-  if (ea == 0 || eb == 0) return sign;
-  // Two 16-bit significands: the product has 31 or 32 bits, exactly.
-  const uint64_t product = significandOf(a) * significandOf(b);
-  return uint32_t(roundToFormat(kFp24, negative, product, int(ea + eb) - 2 * 127 - 30,
-                                hardwareRule(FloatRounding::NearestEven)));
+  return sign;  // a zero exponent reads as zero
 }
 
 /// a + b in fp24, rounded to nearest, ties to even.
-constexpr uint32_t fp24Add(uint32_t a, uint32_t b) {
+[[gnu::always_inline]] constexpr uint32_t fp24Add(uint32_t a, uint32_t b) {
   using namespace detail;
   a &= kFp24Mask;
   b &= kFp24Mask;
-  uint32_t ea = exponentOf(a), eb = exponentOf(b);
+  const uint32_t ea = exponentOf(a), eb = exponentOf(b);
+  if (ea - 1 < 0xfe && eb - 1 < 0xfe) {  // both normal: the usual case
+    const double sum = normalToDouble(a) + normalToDouble(b);
+    return sum == 0 ? 0 : roundDoubleToFp24(sum);  // exact cancellation is +0 in every rounding mode
+  }
   if (ea == 0xff || eb == 0xff) {
     if (fp24IsNaN(a) || fp24IsNaN(b)) return propagateNaN(a, b);
     if (ea == 0xff && eb == 0xff && a != b) return kFp24DefaultNaN;  // inf - inf
     return ea == 0xff ? a : b;
   }
   if (ea == 0) return eb == 0 ? (a & b & 0x800000) : b;  // zeros: -0 only from -0 + -0
-  if (eb == 0) return a;
-  if (ea < eb) {
-    std::swap(a, b);
-    std::swap(ea, eb);
-  }
-  // Past 40 binades the smaller operand is far below half a unit of the
-  // larger one, and nearest rounding returns the larger unchanged.
-  const uint32_t gap = ea - eb;
-  if (gap > 40) return a;
-  // Exact sum of the significands in units of b's last bit: at most 57 bits.
-  const int64_t wide = int64_t(significandOf(a) << gap), narrow = int64_t(significandOf(b));
-  const int64_t sum = ((a ^ b) & 0x800000) ? wide - narrow : wide + narrow;
-  if (sum == 0) return 0;
-  const bool negativeA = (a & 0x800000) != 0;
-  const bool negative = (sum < 0) != negativeA;
-  const uint64_t magnitude = uint64_t(sum < 0 ? -sum : sum);
-  return uint32_t(roundToFormat(kFp24, negative, magnitude, int(eb) - 127 - 15,
-                                hardwareRule(FloatRounding::NearestEven)));
+  return a;
 }
 
 /// An fp24 value as an integer, rounded in `mode` and saturated to [lo, hi]
 /// (lo <= 0 <= hi); NaN gives 0, infinities saturate, a zero exponent reads
 /// as zero.
-constexpr int64_t fp24ToInt(uint32_t a, int64_t lo, int64_t hi, FloatRounding mode) {
+[[gnu::always_inline]] constexpr int64_t fp24ToInt(uint32_t a, int64_t lo, int64_t hi, FloatRounding mode) {
   using namespace detail;
   a &= kFp24Mask;
-  const bool negative = (a & 0x800000) != 0;
   const uint32_t e = exponentOf(a);
-  if (fp24IsNaN(a)) return 0;
-  if (e == 0) return 0;
-  // value = significand * 2^(e - 142), below 2^63 up to a shift of 47; past
-  // that every int64 range saturates.
-  const int shift = int(e) - 142;
-  uint64_t magnitude;
-  if (e == 0xff || shift > 47)
-    return negative ? lo : hi;
-  else if (shift >= 0)
-    magnitude = significandOf(a) << shift;
-  else
-    magnitude = kora::detail::roundShiftRight(significandOf(a), -shift, mode, negative);
-  if (negative) return magnitude > uint64_t(0) - uint64_t(lo) ? lo : int64_t(uint64_t(0) - magnitude);
-  return magnitude > uint64_t(hi) ? hi : int64_t(magnitude);
+  const bool negative = (a & 0x800000) != 0;
+  if (e == 0xff) return fp24IsNaN(a) ? 0 : negative ? lo : hi;
+  if (e >= 127 + 63) return negative ? lo : hi;  // 2^63 and beyond: past every int64 range
+  // Below 2^63 the double is exact, its truncation (which does not depend on
+  // the rounding mode) is the integer part, and the rest is exact too.
+  const double x = normalToDouble(e == 0 ? a & 0x800000 : a);
+  const int64_t whole = int64_t(x);
+  const double rest = x - double(whole);
+  int64_t step = 0;
+  switch (mode) {
+    case FloatRounding::NearestEven: {
+      const double away = rest < 0 ? -rest : rest;
+      if (away > 0.5 || (away == 0.5 && (whole & 1))) step = rest < 0 ? -1 : 1;
+      break;
+    }
+    case FloatRounding::TowardZero: break;
+    case FloatRounding::Upward: step = rest > 0 ? 1 : 0; break;
+    case FloatRounding::Downward: step = rest < 0 ? -1 : 0; break;
+  }
+  const int64_t r = whole + step;
+  return r < lo ? lo : r > hi ? hi : r;
 }
 
 /// An fp24 value as trace lines print it: the pattern, then its float32
