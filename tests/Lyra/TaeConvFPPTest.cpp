@@ -50,6 +50,12 @@ double round16(double x) {
   return std::ldexp(std::rint(std::ldexp(x, 16 - e)), e - 16);
 }
 
+/// A bias that, added to products of a few units, makes cancellations and
+/// ties.
+float biasOf(long k, std::mt19937& rng) {
+  return float(int(rng() % 2001) - 1000) / float(1 << (k % 6));
+}
+
 }  // namespace
 
 TEST(TaeConvFPP, HandWorkedElementsInF32) {
@@ -158,6 +164,69 @@ TEST(TaeConvFPP, MatchesADoubleReferenceWithSeparateRounding) {
       ASSERT_EQ(double(got[size_t(i)]), res) << "trial " << trial << " element " << i;
     }
   }
+}
+
+TEST(TaeConvFPP, EveryOutputTypeEqualsTheSoftFloatStepsOnEdgePsums) {
+  // The kernel against its definition composed from the library's soft-float
+  // steps (each verified against MPFR): psums at the ties near 2^16 and 2^24,
+  // around powers of two, the int32 ends, zero and random ones; channels
+  // whose scale and bias make ties and cancellations; 21 channels, so that
+  // blocks and the remainder are both taken; every output type and flag.
+  using namespace softfloat;
+  std::vector<int32_t> psums = {0, 1, -1, 65535, 65536, 65537, 65539, 65541, -65537, -65539, 16777217, -16777219,
+                                INT32_MAX, INT32_MIN, INT32_MIN + 1, 131075, 131078};
+  for (int e = 1; e < 31; ++e)
+    for (int32_t d : {-3, -1, 0, 1, 3}) psums.push_back(int32_t((int64_t(1) << e) + d));
+  std::mt19937 rng(83);
+  while (psums.size() % 21 != 0 || psums.size() < 21 * 12) psums.push_back(int32_t(rng()) >> (rng() % 31));
+  const long K = 21, n = long(psums.size()) / K;
+  std::vector<FloatRow> rows;
+  for (long k = 0; k < K; ++k) {
+    const float scale = k % 7 == 0 ? 1.0f : std::ldexp(std::uniform_real_distribution<float>(1, 2)(rng), int(k % 9) - 6);
+    const float bias = k % 5 == 0 ? -0.5f : k % 5 == 1 ? 0.0f : k % 5 == 2 ? -0.0f : biasOf(k, rng);
+    rows.push_back({bias, 0, k % 3 == 1 ? -scale : scale});
+  }
+  const Tensor psum = tensorOf<int32_t>(ElementType::si32, {n, K}, psums);
+  auto expectedOf = [&](long i, bool relu) {
+    const FloatRow& q = rows[size_t(i % K)];
+    uint32_t res = fp24Add(fp24Mul(intToFp24(psums[size_t(i)]), float32ToFp24(q.scale)), float32ToFp24(q.bias));
+    if (relu && !(f24ToF32(res) > 0)) res = 0;
+    return res;
+  };
+  for (bool relu : {false, true})
+    for (bool round : {false, true}) {
+      const FloatRounding mode = round ? FloatRounding::NearestEven : FloatRounding::TowardZero;
+      auto run = [&](ElementType type) {
+        Tensor out = Tensor::create(type, {n, K});
+        EXPECT_TRUE(TaeConvFPP(out, psum, floatRowsOf(rows), Tensor(), relu, round, false).ok());
+        return out;
+      };
+      const auto f32 = test::bitsOf<float>(run(ElementType::f32));
+      const auto f16 = test::bitsOf<half>(run(ElementType::f16));
+      const auto bf16 = test::bitsOf<bfloat16>(run(ElementType::vbf16));
+      const auto i8 = valuesOf<int8_t>(run(ElementType::si8));
+      const auto i16 = valuesOf<int16_t>(run(ElementType::si16));
+      const auto i32 = valuesOf<int32_t>(run(ElementType::si32));
+      for (long i = 0; i < n * K; ++i) {
+        const uint32_t v = expectedOf(i, relu);
+        ASSERT_EQ(f32[size_t(i)], fp24ToFp32Bits(v)) << i;
+        ASSERT_EQ(f16[size_t(i)], convert(v, kFp24, kFp16, mode)) << i;
+        ASSERT_EQ(bf16[size_t(i)], convert(v, kFp24, kBf16, mode)) << i;
+        ASSERT_EQ(i8[size_t(i)], fp24ToInt(v, INT8_MIN, INT8_MAX, mode)) << i;
+        ASSERT_EQ(i16[size_t(i)], fp24ToInt(v, INT16_MIN, INT16_MAX, mode)) << i;
+        ASSERT_EQ(i32[size_t(i)], fp24ToInt(v, INT32_MIN, INT32_MAX, mode)) << i;
+      }
+    }
+  // A strided output and psum give the same values.
+  Tensor wide = Tensor::create(ElementType::si8, {n, 2 * K});
+  const Tensor strided = wide.slice(1, 0, 2 * K, 2);
+  Tensor widePsum = Tensor::create(ElementType::si32, {n, 2 * K});
+  Tensor stridedPsum = widePsum.slice(1, 1, 2 * K, 2);
+  copyElements(stridedPsum, psum);
+  Tensor stridedOut = strided;
+  ASSERT_TRUE(TaeConvFPP(stridedOut, stridedPsum, floatRowsOf(rows), Tensor(), true, true, false).ok());
+  for (long i = 0; i < n * K; ++i)
+    ASSERT_EQ(valuesOf<int8_t>(stridedOut)[size_t(i)], fp24ToInt(expectedOf(i, true), INT8_MIN, INT8_MAX, FloatRounding::NearestEven));
 }
 
 TEST(TaeConvFPP, TraceShowsEveryFp24Step) {

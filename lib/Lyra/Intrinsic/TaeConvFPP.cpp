@@ -7,6 +7,7 @@
 #include "Vela/Intrinsic/PostProcess.h"
 #include "kora/Lyra/Intrinsic.h"
 #include "kora/Support/Dispatch.h"
+#include "kora/Support/StridedWalk.h"
 #include "kora/Support/SoftFloat.h"
 
 namespace kora::lyra::intrinsic {
@@ -36,7 +37,7 @@ constexpr FloatRounding narrowing(bool round) { return round ? FloatRounding::Ne
 /// One output element, every step in fp24. TSumin is float, half or void
 /// (no sumin).
 template <class TOut, class TSumin, class Trace>
-TOut elementOf(const Coord& at, int32_t psum, const void* sumin, const FloatRegisters& q, PostProcessFlags flags,
+[[gnu::always_inline]] inline TOut elementOf(const Coord& at, int32_t psum, const void* sumin, const FloatRegisters& q, PostProcessFlags flags,
                Trace& trace) {
   KORA_TRACE(trace, "f24Bias = float32ToFp24({}) // {}", q.bias, Fp24Reading{q.f24Bias});
   uint32_t suminAddBias = q.f24Bias;
@@ -143,18 +144,198 @@ Status planFloatPostProcess(const Tensor& fout, const Tensor& psum, const Tensor
   return Status::success();
 }
 
+// ---------------------------------------------------------------------------
+// The loop without sumin, vectorised across channels.
+//
+// When every channel's scale is zero or within [2^-90, 2^95] and its bias
+// zero or within [2^-90, 2^125], no product of an int32 by the scale and no
+// sum with the bias overflows fp24, and none but an exact zero falls below
+// 2^-126 (both operands are multiples of 2^-105, so is their sum): no step
+// meets a special case. Each fp24 step is then a double operation followed by
+// the rounding of its pattern to 16 bits (roundDoubleToFp24 without the
+// range checks it no longer needs), which the compiler vectorises. The
+// results are elementOf's, bit for bit; the tests compare both paths.
+
+/// Per-channel operands of the vectorised loop: fp24 values as doubles.
+struct FastTables {
+  std::vector<double> scale, bias;  // [tables * channels]
+};
+
+bool fastRange(uint32_t fp24, int lowest, int highest) {
+  const int e = int((fp24 >> 15) & 0xff);
+  return e == 0 || (e != 0xff && e - 127 >= lowest && e - 127 <= highest);
+}
+
+/// The fp24 as the arithmetic reads it: a zero exponent is a zero.
+double readFp24(uint32_t fp24) { return double(f24ToF32((fp24 & 0x7f8000) == 0 ? fp24 & 0x800000 : fp24)); }
+
+bool planFast(const FloatPlan& plan, FastTables& fast) {
+  for (const FloatRegisters& q : plan.regs)
+    if (!fastRange(q.f24Scale, -90, 95) || !fastRange(q.f24Bias, -90, 125)) return false;
+  for (const FloatRegisters& q : plan.regs) {
+    fast.scale.push_back(readFp24(q.f24Scale));
+    fast.bias.push_back(readFp24(q.f24Bias));
+  }
+  return true;
+}
+
+constexpr uint64_t kSignBit = uint64_t(1) << 63;
+
+/// A double of at most 53 significant bits rounded to 16, to nearest, ties
+/// to even, on its pattern (as roundDoubleToFp24, without range checks).
+[[gnu::always_inline]] inline uint64_t round16(double x) {
+  uint64_t bits = std::bit_cast<uint64_t>(x);
+  bits += ((uint64_t(1) << 36) - 1) + ((bits >> 37) & 1);
+  return bits & ~((uint64_t(1) << 37) - 1);
+}
+
+/// fp24Res (then relu) of one element, as a double.
+template <bool relu>
+[[gnu::always_inline]] inline double fastValue(double psum, double scale, double bias) {
+  const double product = std::bit_cast<double>(round16(std::bit_cast<double>(round16(psum)) * scale));
+  const double sum = std::bit_cast<double>(round16(product + bias));
+  // An exact zero sum is -0 only from -0 + -0, whatever the rounding mode.
+  const double zero =
+      std::bit_cast<double>(std::bit_cast<uint64_t>(product) & std::bit_cast<uint64_t>(bias) & kSignBit);
+  const double result = sum == 0 ? zero : sum;
+  if constexpr (relu) return result > 0 ? result : 0.0;
+  return result;
+}
+
+constexpr long kBlock = 8;
+
+template <bool relu>
+[[gnu::always_inline]] inline void fastBlock(const int32_t* __restrict psum, const double* __restrict scale,
+                                             const double* __restrict bias, double* __restrict values) {
+  for (long i = 0; i < kBlock; ++i) values[i] = fastValue<relu>(double(psum[i]), scale[i], bias[i]);
+}
+
+/// fastValue of K channels of contiguous psums, in blocks of a fixed count
+/// through unaliased pointers, which the compiler vectorises at any
+/// optimisation level.
+template <bool relu>
+void fastValues(const int32_t* psum, const double* scale, const double* bias, double* values, long K) {
+  long k = 0;
+  for (; k + kBlock <= K; k += kBlock) fastBlock<relu>(psum + k, scale + k, bias + k, values + k);
+  for (; k < K; ++k) values[k] = fastValue<relu>(double(psum[k]), scale[k], bias[k]);
+}
+
+/// The range of an integer output, as doubles (exact).
+template <class TOut>
+constexpr double kLowest = double(std::numeric_limits<TOut>::min());
+template <class TOut>
+constexpr double kHighest = double(std::numeric_limits<TOut>::max());
+
+template <class TOut>
+[[gnu::always_inline]] inline double clampTo(double v) {
+  const double above = v < kLowest<TOut> ? kLowest<TOut> : v;
+  return above > kHighest<TOut> ? kHighest<TOut> : above;
+}
+
+/// A clamped value (within int32) to an integer: truncation (exact, whatever
+/// the rounding mode) and, with `round`, the step to the nearest integer,
+/// ties to the even one; all in doubles, without branches.
+template <bool round>
+[[gnu::always_inline]] inline int32_t toInteger(double clamped) {
+  const double whole = double(int32_t(clamped));
+  double step = 0;
+  if constexpr (round) {
+    const double rest = clamped - whole, away = rest < 0 ? -rest : rest;
+    const bool odd = double(int32_t(whole * 0.5)) * 2 != whole;
+    const double unit = rest < 0 ? -1.0 : 1.0;
+    step = (away > 0.5) | ((away == 0.5) & odd) ? unit : 0.0;  // no short circuit
+  }
+  return int32_t(whole + step);
+}
+
+/// An fp24 value held in a double, stored as TOut (as elementOf stores it:
+/// an integer range's ends are integers, so clamping first and rounding then
+/// equals rounding and saturating).
+template <class TOut, bool round>
+[[gnu::always_inline]] inline TOut narrowValue(double v) {
+  constexpr FloatRounding mode = narrowing(round);
+  if constexpr (std::is_same_v<TOut, float>)
+    return float(v);  // exact
+  else if constexpr (std::is_same_v<TOut, half>)
+    return half::fromBits(uint16_t(convert(float32ToFp24(float(v)), kFp24, kFp16, mode)));
+  else if constexpr (std::is_same_v<TOut, bfloat16>)
+    return bfloat16::fromBits(uint16_t(convert(float32ToFp24(float(v)), kFp24, kBf16, mode)));
+  else
+    return TOut(toInteger<round>(clampTo<TOut>(v)));
+}
+
+/// A row of values into a contiguous output row. Integer outputs go in
+/// passes of fixed-count blocks (clamp, round to int32, narrow), each of which
+/// the compiler vectorises; `whole` holds K int32.
+template <class TOut, bool round>
+void narrowRow(double* __restrict values, int32_t* __restrict whole, TOut* __restrict out, long K) {
+  constexpr long kNarrowBlock = 16;
+  const long blocked = K - K % kNarrowBlock;
+  if constexpr (std::is_integral_v<TOut>) {
+    for (long k = 0; k < blocked; k += kNarrowBlock)
+      for (long i = 0; i < kNarrowBlock; ++i) values[k + i] = clampTo<TOut>(values[k + i]);
+    for (long k = 0; k < blocked; k += kNarrowBlock)
+      for (long i = 0; i < kNarrowBlock; ++i) whole[k + i] = toInteger<round>(values[k + i]);
+    for (long k = 0; k < blocked; k += kNarrowBlock)
+      for (long i = 0; i < kNarrowBlock; ++i) out[k + i] = TOut(whole[k + i]);
+  } else {
+    for (long k = 0; k < blocked; k += kNarrowBlock)
+      for (long i = 0; i < kNarrowBlock; ++i) out[k + i] = narrowValue<TOut, round>(values[k + i]);
+  }
+  for (long k = blocked; k < K; ++k) out[k] = narrowValue<TOut, round>(values[k]);
+}
+
+/// Every row of one table's part of psum into fout through the vectorised
+/// loop.
+template <class TOut, bool relu, bool round>
+void storeFast(const Tensor& fout, const Tensor& psum, const double* scale, const double* bias) {
+  const long K = psum.dim(-1);
+  auto base = [](const Tensor& t) { return t.storage()->data() + t.offset(); };
+  const ArrayRef<long> rows = psum.shape().slice(0, psum.rank() - 1);
+  const StridedWalk<2> walk(rows, {base(fout), base(psum)}, {fout.strides().data(), psum.strides().data()});
+  const long outStep = fout.stride(-1), psumStep = psum.stride(-1) / long(sizeof(int32_t));
+  std::vector<double> values(static_cast<size_t>(K));
+  std::vector<int32_t> gathered(psumStep == 1 ? 0 : static_cast<size_t>(K)), whole(static_cast<size_t>(K));
+  walk.forEachChunk([&](char* const* p, const long* s, long n) {
+    for (long j = 0; j < n; ++j) {
+      const int32_t* in = reinterpret_cast<const int32_t*>(p[1] + j * s[1]);
+      if (psumStep != 1) {
+        for (long k = 0; k < K; ++k) gathered[size_t(k)] = in[k * psumStep];
+        in = gathered.data();
+      }
+      fastValues<relu>(in, scale, bias, values.data(), K);
+      char* out = p[0] + j * s[0];
+      if (outStep == long(sizeof(TOut)))
+        narrowRow<TOut, round>(values.data(), whole.data(), reinterpret_cast<TOut*>(out), K);
+      else
+        for (long k = 0; k < K; ++k) *reinterpret_cast<TOut*>(out + k * outStep) = narrowValue<TOut, round>(values[size_t(k)]);
+    }
+  });
+}
+
 void runFloatPostProcess(Tensor& fout, const Tensor& psum, const Tensor& sumin, const FloatPlan& plan,
                          PostProcessFlags flags) {
   using vela::intrinsic::detail::runChannelwise;
+  using vela::intrinsic::detail::storeChannelwise;
   using vela::intrinsic::detail::withConstantFlags;
+  FastTables fast;
+  const bool vectorised = !sumin.isValid() && psum.stride(-1) % long(sizeof(int32_t)) == 0 && planFast(plan, fast);
   dispatch<FloatOutputs>(fout.elementType(), [&]<class TOut>() {
     auto run = [&]<class TSumin>() {
       withConstantFlags(flags, [&]<bool relu, bool round>() {
-        runChannelwise<TOut, TSumin>(
-            fout, psum, sumin, plan, [](const Coord& at, const FloatRegisters& q, int32_t value, const void* add,
-                                        auto& trace) {
-              return elementOf<TOut, TSumin>(at, value, add, q, PostProcessFlags{relu, round}, trace);
-            });
+        auto element = [](const Coord& at, const FloatRegisters& q, int32_t value, const void* add, auto& trace) {
+          return elementOf<TOut, TSumin>(at, value, add, q, PostProcessFlags{relu, round}, trace);
+        };
+        runChannelwise<TOut, TSumin>(fout, psum, sumin, plan, element,
+                                     [&](const Tensor& out, const Tensor& in, const Tensor& add, long table) {
+                                       const long first = table * plan.channels;
+                                       if (vectorised)
+                                         storeFast<TOut, relu, round>(out, in, fast.scale.data() + first,
+                                                                      fast.bias.data() + first);
+                                       else
+                                         storeChannelwise<TOut, TSumin>(out, in, add, plan.regs.data() + first,
+                                                                        element);
+                                     });
       });
     };
     if (!sumin.isValid())

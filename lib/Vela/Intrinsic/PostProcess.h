@@ -133,11 +133,11 @@ void storeChannelwise(const Tensor& fout, const Tensor& psum, const Tensor& sumi
 
 /// The whole post-process of psum into fout: the traced element first
 /// (computed with Tracer, not stored, so that an in-place call still reads
-/// its input), then every element, each through its channel's registers
-/// (its image's table when there is one per image).
-template <class TOut, class TSumin, class Regs, class Element>
+/// its input), then store(fout, psum, sumin, table) for every table's part
+/// of the operands (all of them when one table serves every image).
+template <class TOut, class TSumin, class Regs, class Element, class Store>
 void runChannelwise(Tensor& fout, const Tensor& psum, const Tensor& sumin, const ChannelPlan<Regs>& plan,
-                    const Element& element) {
+                    const Element& element, const Store& store) {
   if (fout.isEmpty()) return;
   const long K = plan.channels;
   if (const TracePoint trace = TracePoint::forOutput(fout)) {
@@ -149,15 +149,25 @@ void runChannelwise(Tensor& fout, const Tensor& psum, const Tensor& sumin, const
     (void)element(at, plan.regs[size_t(table * K + at[at.rank - 1])], psum.at<int32_t>(at), add, tracer);
   }
   if (plan.tables == 1) {
-    storeChannelwise<TOut, TSumin>(fout, psum, sumin, plan.regs.data(), element);
+    store(fout, psum, sumin, 0L);
     return;
   }
   for (long b = 0; b < plan.tables; ++b) {
     const Tensor noSumin;
-    storeChannelwise<TOut, TSumin>(fout.slice(0, b, b + 1), psum.slice(0, b, b + 1),
-                                   sumin.isValid() ? sumin.slice(0, b, b + 1) : noSumin, plan.regs.data() + b * K,
-                                   element);
+    store(fout.slice(0, b, b + 1), psum.slice(0, b, b + 1), sumin.isValid() ? sumin.slice(0, b, b + 1) : noSumin, b);
   }
+}
+
+/// The same, each element stored through `element` and its channel's
+/// registers.
+template <class TOut, class TSumin, class Regs, class Element>
+void runChannelwise(Tensor& fout, const Tensor& psum, const Tensor& sumin, const ChannelPlan<Regs>& plan,
+                    const Element& element) {
+  runChannelwise<TOut, TSumin>(fout, psum, sumin, plan, element,
+                               [&](const Tensor& out, const Tensor& in, const Tensor& add, long table) {
+                                 storeChannelwise<TOut, TSumin>(out, in, add, plan.regs.data() + table * plan.channels,
+                                                                element);
+                               });
 }
 
 }  // namespace kora::vela::intrinsic::detail
