@@ -40,5 +40,6 @@ void showKernelTable();
 void runElementwise();
 void runRoiAlign();
 void runVelaConv();
+void runLyraConv();
 
 }  // namespace demo

@@ -9,5 +9,6 @@ int main() {
   demo::runElementwise();
   demo::runRoiAlign();
   demo::runVelaConv();
+  demo::runLyraConv();
   return 0;
 }
