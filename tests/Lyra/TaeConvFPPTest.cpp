@@ -171,7 +171,9 @@ TEST(TaeConvFPP, EveryOutputTypeEqualsTheSoftFloatStepsOnEdgePsums) {
   // steps (each verified against MPFR): psums at the ties near 2^16 and 2^24,
   // around powers of two, the int32 ends, zero and random ones; channels
   // whose scale and bias make ties and cancellations; 21 channels, so that
-  // blocks and the remainder are both taken; every output type and flag.
+  // blocks and the remainder are both taken; every output type and flag;
+  // no sumin, an f32 and an f16 sumin, with rows holding sumins (a tiny one,
+  // infinity, NaN, a huge one) that no fast arithmetic could take.
   using namespace softfloat;
   std::vector<int32_t> psums = {0, 1, -1, 65535, 65536, 65537, 65539, 65541, -65537, -65539, 16777217, -16777219,
                                 INT32_MAX, INT32_MIN, INT32_MIN + 1, 131075, 131078};
@@ -184,49 +186,78 @@ TEST(TaeConvFPP, EveryOutputTypeEqualsTheSoftFloatStepsOnEdgePsums) {
   for (long k = 0; k < K; ++k) {
     const float scale = k % 7 == 0 ? 1.0f : std::ldexp(std::uniform_real_distribution<float>(1, 2)(rng), int(k % 9) - 6);
     const float bias = k % 5 == 0 ? -0.5f : k % 5 == 1 ? 0.0f : k % 5 == 2 ? -0.0f : biasOf(k, rng);
-    rows.push_back({bias, 0, k % 3 == 1 ? -scale : scale});
+    const float suminScale = k % 4 == 0 ? 0.0f : std::ldexp(std::uniform_real_distribution<float>(1, 2)(rng), -int(k % 6));
+    rows.push_back({bias, suminScale, k % 3 == 1 ? -scale : scale});
   }
-  const Tensor psum = tensorOf<int32_t>(ElementType::si32, {n, K}, psums);
-  auto expectedOf = [&](long i, bool relu) {
-    const FloatRow& q = rows[size_t(i % K)];
-    uint32_t res = fp24Add(fp24Mul(intToFp24(psums[size_t(i)]), float32ToFp24(q.scale)), float32ToFp24(q.bias));
-    if (relu && !(f24ToF32(res) > 0)) res = 0;
-    return res;
-  };
-  for (bool relu : {false, true})
-    for (bool round : {false, true}) {
-      const FloatRounding mode = round ? FloatRounding::NearestEven : FloatRounding::TowardZero;
-      auto run = [&](ElementType type) {
-        Tensor out = Tensor::create(type, {n, K});
-        EXPECT_TRUE(TaeConvFPP(out, psum, floatRowsOf(rows), Tensor(), relu, round, false).ok());
-        return out;
-      };
-      const auto f32 = test::bitsOf<float>(run(ElementType::f32));
-      const auto f16 = test::bitsOf<half>(run(ElementType::f16));
-      const auto bf16 = test::bitsOf<bfloat16>(run(ElementType::vbf16));
-      const auto i8 = valuesOf<int8_t>(run(ElementType::si8));
-      const auto i16 = valuesOf<int16_t>(run(ElementType::si16));
-      const auto i32 = valuesOf<int32_t>(run(ElementType::si32));
-      for (long i = 0; i < n * K; ++i) {
-        const uint32_t v = expectedOf(i, relu);
-        ASSERT_EQ(f32[size_t(i)], fp24ToFp32Bits(v)) << i;
-        ASSERT_EQ(f16[size_t(i)], convert(v, kFp24, kFp16, mode)) << i;
-        ASSERT_EQ(bf16[size_t(i)], convert(v, kFp24, kBf16, mode)) << i;
-        ASSERT_EQ(i8[size_t(i)], fp24ToInt(v, INT8_MIN, INT8_MAX, mode)) << i;
-        ASSERT_EQ(i16[size_t(i)], fp24ToInt(v, INT16_MIN, INT16_MAX, mode)) << i;
-        ASSERT_EQ(i32[size_t(i)], fp24ToInt(v, INT32_MIN, INT32_MAX, mode)) << i;
+  std::vector<float> suminValues(psums.size());
+  for (size_t i = 0; i < suminValues.size(); ++i)  // ties and cancellations with the bias, or bits to cut
+    suminValues[i] = i % 3 ? float(int(rng() % 4001) - 2000) / 256 : std::uniform_real_distribution<float>(-9, 9)(rng);
+  for (long i = 0; i < n * K; i += 37) suminValues[size_t(i)] = i % 2 ? 0.0f : -0.0f;
+  // In odd rows, at a small psum of a channel with a zero bias: products that
+  // fp24 flushes or overflows, infinities, NaN, a subnormal.
+  const float odd[] = {2e-38f, -1.5e-38f, 1e-20f, INFINITY, NAN, 3e38f, -INFINITY, std::bit_cast<float>(0x00000123u)};
+  for (long r = 1; r < n; r += 2) suminValues[size_t(r * K + (r % 4 == 1 ? 11 : 7))] = odd[size_t(r / 2) % 8];
+  // With sumin, every other psum is made small so that the sumin's bits show.
+  std::vector<int32_t> mixed = psums;
+  for (size_t i = 0; i < mixed.size(); i += 2) mixed[i] = mixed[i] / (1 << 26);
+  const Tensor f32Sumin = tensorOf<float>(ElementType::f32, {n, K}, suminValues);
+  Tensor f16Sumin = Tensor::create(ElementType::f16, {n, K});
+  for (long i = 0; i < n * K; ++i) f16Sumin.data<half>()[i] = half(suminValues[size_t(i)]);
+
+  for (int withSumin = 0; withSumin < 3; ++withSumin) {
+    const Tensor sumin = withSumin == 0 ? Tensor() : withSumin == 1 ? f32Sumin : f16Sumin;
+    const std::vector<int32_t>& psumValues = withSumin ? mixed : psums;
+    const Tensor psum = tensorOf<int32_t>(ElementType::si32, {n, K}, psumValues);
+    auto expectedOf = [&](long i, bool relu) {
+      const FloatRow& q = rows[size_t(i % K)];
+      uint32_t addBias = float32ToFp24(q.bias);
+      if (withSumin) {
+        const float s = withSumin == 1 ? suminValues[size_t(i)] : f16Sumin.data<half>()[i].toFloat();
+        addBias = fp24Add(addBias, fp24Mul(float32ToFp24(s), float32ToFp24(q.suminScale)));
       }
+      uint32_t res = fp24Add(fp24Mul(intToFp24(psumValues[size_t(i)]), float32ToFp24(q.scale)), addBias);
+      if (relu && !(f24ToF32(res) > 0)) res = 0;
+      return res;
+    };
+    for (bool relu : {false, true})
+      for (bool round : {false, true}) {
+        const FloatRounding mode = round ? FloatRounding::NearestEven : FloatRounding::TowardZero;
+        auto run = [&](ElementType type) {
+          Tensor out = Tensor::create(type, {n, K});
+          EXPECT_TRUE(TaeConvFPP(out, psum, floatRowsOf(rows), sumin, relu, round, false).ok());
+          return out;
+        };
+        const auto f32 = test::bitsOf<float>(run(ElementType::f32));
+        const auto f16 = test::bitsOf<half>(run(ElementType::f16));
+        const auto bf16 = test::bitsOf<bfloat16>(run(ElementType::vbf16));
+        const auto i8 = valuesOf<int8_t>(run(ElementType::si8));
+        const auto i16 = valuesOf<int16_t>(run(ElementType::si16));
+        const auto i32 = valuesOf<int32_t>(run(ElementType::si32));
+        for (long i = 0; i < n * K; ++i) {
+          const uint32_t v = expectedOf(i, relu);
+          ASSERT_EQ(f32[size_t(i)], fp24ToFp32Bits(v)) << i << " sumin " << withSumin;
+          ASSERT_EQ(f16[size_t(i)], convert(v, kFp24, kFp16, mode)) << i;
+          ASSERT_EQ(bf16[size_t(i)], convert(v, kFp24, kBf16, mode)) << i;
+          ASSERT_EQ(i8[size_t(i)], fp24ToInt(v, INT8_MIN, INT8_MAX, mode)) << i;
+          ASSERT_EQ(i16[size_t(i)], fp24ToInt(v, INT16_MIN, INT16_MAX, mode)) << i;
+          ASSERT_EQ(i32[size_t(i)], fp24ToInt(v, INT32_MIN, INT32_MAX, mode)) << i;
+        }
+      }
+    // Strided output, psum and sumin give the same values.
+    Tensor wideOut = Tensor::create(ElementType::si8, {n, 2 * K}), widePsum = Tensor::create(ElementType::si32, {n, 2 * K});
+    Tensor stridedOut = wideOut.slice(1, 0, 2 * K, 2), stridedPsum = widePsum.slice(1, 1, 2 * K, 2);
+    copyElements(stridedPsum, psum);
+    Tensor stridedSumin;
+    if (withSumin) {
+      Tensor wideSumin = Tensor::create(sumin.elementType(), {n, 2 * K});
+      stridedSumin = wideSumin.slice(1, 1, 2 * K, 2);
+      copyElements(stridedSumin, sumin);
     }
-  // A strided output and psum give the same values.
-  Tensor wide = Tensor::create(ElementType::si8, {n, 2 * K});
-  const Tensor strided = wide.slice(1, 0, 2 * K, 2);
-  Tensor widePsum = Tensor::create(ElementType::si32, {n, 2 * K});
-  Tensor stridedPsum = widePsum.slice(1, 1, 2 * K, 2);
-  copyElements(stridedPsum, psum);
-  Tensor stridedOut = strided;
-  ASSERT_TRUE(TaeConvFPP(stridedOut, stridedPsum, floatRowsOf(rows), Tensor(), true, true, false).ok());
-  for (long i = 0; i < n * K; ++i)
-    ASSERT_EQ(valuesOf<int8_t>(stridedOut)[size_t(i)], fp24ToInt(expectedOf(i, true), INT8_MIN, INT8_MAX, FloatRounding::NearestEven));
+    ASSERT_TRUE(TaeConvFPP(stridedOut, stridedPsum, floatRowsOf(rows), stridedSumin, true, true, false).ok());
+    const auto strided = valuesOf<int8_t>(stridedOut);
+    for (long i = 0; i < n * K; ++i)
+      ASSERT_EQ(strided[size_t(i)], fp24ToInt(expectedOf(i, true), INT8_MIN, INT8_MAX, FloatRounding::NearestEven));
+  }
 }
 
 TEST(TaeConvFPP, TraceShowsEveryFp24Step) {

@@ -216,10 +216,12 @@ KORA_API Status TaeConvMacPP(Tensor& fout, Tensor const& fin, Tensor const& weig
 /// rounds to nearest, ties to even (off: toward zero); perTensor as in
 /// TaeConvPP.
 ///
-/// Speed: without sumin, and when every channel's scale is 0 or within
-/// [2^-90, 2^95] and its bias 0 or within [2^-90, 2^125] (where no step can
-/// overflow or underflow), channels are computed in vectorised blocks; else
-/// element by element. The results are the same.
+/// Speed: where no step can overflow, underflow or meet an infinity or NaN,
+/// channels are computed in vectorised blocks, else element by element; the
+/// results are the same. Without sumin that takes every channel's scale 0 or
+/// within [2^-90, 2^95] and bias 0 or within [2^-90, 2^125]; with sumin,
+/// scale and suminScale 0 or within [2^-50, 2^40], bias 0 or within [2^-50,
+/// 2^100], and (row by row) every sumin 0 or within [2^-40, 2^41).
 ///
 /// Checks, in order: "psum must be si32", "shape of psum and fout must be
 /// identical", the library's own "float quantInfo must be f32", "quantInfo

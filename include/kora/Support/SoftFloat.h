@@ -1,10 +1,11 @@
 #pragma once
-// The accelerator's own floating arithmetic, in integers: the formats fp16
-// (5, 10), bf16 (8, 7), fp24 (8, 15) and float32 (8, 23), described by
-// (exponent bits, fraction bits) as FloatFormat; conversions among them in
-// the four rounding directions; and fp24, the upper 24 bits of a binary32
-// held in the low 24 bits of a 32-bit word, with its addition and
-// multiplication. Results do not depend on the thread's rounding mode.
+// The accelerator's own floating arithmetic: the formats fp16 (5, 10), bf16
+// (8, 7), fp24 (8, 15) and float32 (8, 23), described by (exponent bits,
+// fraction bits) as FloatFormat; conversions among them in the four rounding
+// directions; and fp24, the upper 24 bits of a binary32 held in the low 24
+// bits of a 32-bit word, with its addition and multiplication. Rounding is
+// done on integers (bit patterns), so results do not depend on the thread's
+// rounding mode.
 //
 // How the hardware formats differ from IEEE 754, and what this module
 // chose where the hardware leaves it open:
@@ -28,7 +29,6 @@
 //   caller's range; NaN gives 0.
 #include <bit>
 #include <cstdint>
-#include <utility>
 
 #include <fmt/format.h>
 
@@ -85,13 +85,13 @@ constexpr uint32_t propagateNaN(uint32_t a, uint32_t b) { return (fp24IsNaN(a) ?
 /// into the exponent), then fitted to fp24: infinity from 2^128, a zero of
 /// its sign below 2^-126.
 ///
-/// Why a double is enough: a product of two 16-bit significands has 32 bits
-/// and a sum of two operands at most 37 binades apart 53, so both are exact.
-/// A sum of operands further apart is within one unit of 2^-52 of the larger
-/// one, while the nearest point halfway between fp24 neighbours is 2^-17 of
-/// it away: however the double was rounded, it rounds to the same fp24 as
-/// the exact sum. So the result depends neither on the thread's rounding
-/// mode nor on the double's own rounding.
+/// Why a double is enough: a product of two 16-bit significands has 32 bits,
+/// and a sum of two of them at most 37 binades apart has at most 53, so both
+/// are exact doubles. A sum of operands further apart lies within 2^-52 of
+/// its value from the exact sum, while every point halfway between fp24
+/// neighbours is at least 2^-18 of it away: however the double was rounded,
+/// it rounds to the same fp24 as the exact sum. So the result depends
+/// neither on the thread's rounding mode nor on the double's own rounding.
 [[gnu::always_inline]] constexpr uint32_t roundDoubleToFp24(double x) {
   uint64_t bits = std::bit_cast<uint64_t>(x);
   bits += ((uint64_t(1) << 36) - 1) + ((bits >> 37) & 1);

@@ -145,20 +145,26 @@ Status planFloatPostProcess(const Tensor& fout, const Tensor& psum, const Tensor
 }
 
 // ---------------------------------------------------------------------------
-// The loop without sumin, vectorised across channels.
+// The vectorised loop.
 //
-// When every channel's scale is zero or within [2^-90, 2^95] and its bias
-// zero or within [2^-90, 2^125], no product of an int32 by the scale and no
-// sum with the bias overflows fp24, and none but an exact zero falls below
-// 2^-126 (both operands are multiples of 2^-105, so is their sum): no step
-// meets a special case. Each fp24 step is then a double operation followed by
-// the rounding of its pattern to 16 bits (roundDoubleToFp24 without the
-// range checks it no longer needs), which the compiler vectorises. The
-// results are elementOf's, bit for bit; the tests compare both paths.
+// When no step can meet a special case (overflow, a result below fp24's
+// normal range, an infinity or a NaN), each fp24 step is a double operation
+// followed by the rounding of its pattern to 16 bits (roundDoubleToFp24
+// without the range checks it no longer needs), which the compiler
+// vectorises across channels. The ranges that guarantee it:
+// - without sumin: scale 0 or within [2^-90, 2^95], bias 0 or within
+//   [2^-90, 2^125]. A product of an int32 by the scale stays below 2^127, the
+//   sum with the bias below 2^127 + 2^126; both operands are multiples of
+//   2^-105, so a nonzero sum is at least that.
+// - with sumin: scale and suminScale 0 or within [2^-50, 2^40], bias 0 or
+//   within [2^-50, 2^100], and in each row every sumin, cut to fp24, 0 or
+//   within [2^-40, 2^41): every operand is then a multiple of 2^-120 below
+//   2^102. A row with another sumin takes the element-by-element path.
+// The results are elementOf's, bit for bit; the tests compare both paths.
 
 /// Per-channel operands of the vectorised loop: fp24 values as doubles.
 struct FastTables {
-  std::vector<double> scale, bias;  // [tables * channels]
+  std::vector<double> scale, bias, suminScale;  // [tables * channels]
 };
 
 bool fastRange(uint32_t fp24, int lowest, int highest) {
@@ -169,12 +175,17 @@ bool fastRange(uint32_t fp24, int lowest, int highest) {
 /// The fp24 as the arithmetic reads it: a zero exponent is a zero.
 double readFp24(uint32_t fp24) { return double(f24ToF32((fp24 & 0x7f8000) == 0 ? fp24 & 0x800000 : fp24)); }
 
-bool planFast(const FloatPlan& plan, FastTables& fast) {
-  for (const FloatRegisters& q : plan.regs)
-    if (!fastRange(q.f24Scale, -90, 95) || !fastRange(q.f24Bias, -90, 125)) return false;
+bool planFast(const FloatPlan& plan, bool withSumin, FastTables& fast) {
+  for (const FloatRegisters& q : plan.regs) {
+    const bool usable = withSumin ? fastRange(q.f24Scale, -50, 40) && fastRange(q.f24SuminScale, -50, 40) &&
+                                        fastRange(q.f24Bias, -50, 100)
+                                  : fastRange(q.f24Scale, -90, 95) && fastRange(q.f24Bias, -90, 125);
+    if (!usable) return false;
+  }
   for (const FloatRegisters& q : plan.regs) {
     fast.scale.push_back(readFp24(q.f24Scale));
     fast.bias.push_back(readFp24(q.f24Bias));
+    fast.suminScale.push_back(readFp24(q.f24SuminScale));
   }
   return true;
 }
@@ -189,17 +200,40 @@ constexpr uint64_t kSignBit = uint64_t(1) << 63;
   return bits & ~((uint64_t(1) << 37) - 1);
 }
 
-/// fp24Res (then relu) of one element, as a double.
+/// a + b of two fp24 values held in doubles, rounded to fp24 (no special
+/// case can occur); an exact zero sum is -0 only from -0 + -0, whatever the
+/// rounding mode.
+[[gnu::always_inline]] inline double roundedSum(double a, double b) {
+  const double sum = std::bit_cast<double>(round16(a + b));
+  const double zero = std::bit_cast<double>(std::bit_cast<uint64_t>(a) & std::bit_cast<uint64_t>(b) & kSignBit);
+  return sum == 0 ? zero : sum;
+}
+
+/// fp24Res (then relu) of one element, as a double: psum * scale + addBias.
 template <bool relu>
-[[gnu::always_inline]] inline double fastValue(double psum, double scale, double bias) {
+[[gnu::always_inline]] inline double fastValue(double psum, double scale, double addBias) {
   const double product = std::bit_cast<double>(round16(std::bit_cast<double>(round16(psum)) * scale));
-  const double sum = std::bit_cast<double>(round16(product + bias));
-  // An exact zero sum is -0 only from -0 + -0, whatever the rounding mode.
-  const double zero =
-      std::bit_cast<double>(std::bit_cast<uint64_t>(product) & std::bit_cast<uint64_t>(bias) & kSignBit);
-  const double result = sum == 0 ? zero : sum;
+  const double result = roundedSum(product, addBias);
   if constexpr (relu) return result > 0 ? result : 0.0;
   return result;
+}
+
+/// fp24SuminAddBias of one element: bias + float32ToFp24(sumin) * suminScale.
+[[gnu::always_inline]] inline double fastAddBias(float sumin, double suminScale, double bias) {
+  uint32_t bits = std::bit_cast<uint32_t>(sumin);
+  bits = (bits & 0x7f800000u) == 0 ? bits & 0x80000000u : bits & 0xffffff00u;  // cut; a zero exponent is a zero
+  const double product = std::bit_cast<double>(round16(double(std::bit_cast<float>(bits)) * suminScale));
+  return roundedSum(bias, product);
+}
+
+/// Whether every sumin of a row, cut to fp24, is 0 or within [2^-40, 2^41).
+bool suminRowUsable(const float* __restrict sumin, long K) {
+  uint32_t outside = 0;
+  for (long k = 0; k < K; ++k) {
+    const uint32_t e = (std::bit_cast<uint32_t>(sumin[k]) >> 23) & 0xff;
+    outside |= uint32_t(e != 0) & uint32_t(e - (127 - 40) > 80u);
+  }
+  return outside == 0;
 }
 
 constexpr long kBlock = 8;
@@ -212,12 +246,24 @@ template <bool relu>
 
 /// fastValue of K channels of contiguous psums, in blocks of a fixed count
 /// through unaliased pointers, which the compiler vectorises at any
-/// optimisation level.
+/// optimisation level. addBias holds one value per channel.
 template <bool relu>
-void fastValues(const int32_t* psum, const double* scale, const double* bias, double* values, long K) {
+void fastValues(const int32_t* psum, const double* scale, const double* addBias, double* values, long K) {
   long k = 0;
-  for (; k + kBlock <= K; k += kBlock) fastBlock<relu>(psum + k, scale + k, bias + k, values + k);
-  for (; k < K; ++k) values[k] = fastValue<relu>(double(psum[k]), scale[k], bias[k]);
+  for (; k + kBlock <= K; k += kBlock) fastBlock<relu>(psum + k, scale + k, addBias + k, values + k);
+  for (; k < K; ++k) values[k] = fastValue<relu>(double(psum[k]), scale[k], addBias[k]);
+}
+
+[[gnu::always_inline]] inline void addBiasBlock(const float* __restrict sumin, const double* __restrict suminScale,
+                                                const double* __restrict bias, double* __restrict addBias) {
+  for (long i = 0; i < kBlock; ++i) addBias[i] = fastAddBias(sumin[i], suminScale[i], bias[i]);
+}
+
+/// fastAddBias of K channels, in blocks as above.
+void fastAddBiases(const float* sumin, const double* suminScale, const double* bias, double* addBias, long K) {
+  long k = 0;
+  for (; k + kBlock <= K; k += kBlock) addBiasBlock(sumin + k, suminScale + k, bias + k, addBias + k);
+  for (; k < K; ++k) addBias[k] = fastAddBias(sumin[k], suminScale[k], bias[k]);
 }
 
 /// The range of an integer output, as doubles (exact).
@@ -285,30 +331,64 @@ void narrowRow(double* __restrict values, int32_t* __restrict whole, TOut* __res
   for (long k = blocked; k < K; ++k) out[k] = narrowValue<TOut, round>(values[k]);
 }
 
-/// Every row of one table's part of psum into fout through the vectorised
-/// loop.
-template <class TOut, bool relu, bool round>
-void storeFast(const Tensor& fout, const Tensor& psum, const double* scale, const double* bias) {
+/// Every row of one table's part of psum (and sumin: TSumin float or half,
+/// or void) into fout through the vectorised loop; a row whose sumin is out
+/// of its range goes through `element` with the channels' registers.
+template <class TOut, class TSumin, bool relu, bool round, class Element>
+void storeFast(const Tensor& fout, const Tensor& psum, const Tensor& sumin, const FastTables& fast, long first,
+               const FloatRegisters* regs, const Element& element) {
+  constexpr bool hasSumin = !std::is_void_v<TSumin>;
   const long K = psum.dim(-1);
+  const Tensor& suminOrPsum = hasSumin ? sumin : psum;
   auto base = [](const Tensor& t) { return t.storage()->data() + t.offset(); };
   const ArrayRef<long> rows = psum.shape().slice(0, psum.rank() - 1);
-  const StridedWalk<2> walk(rows, {base(fout), base(psum)}, {fout.strides().data(), psum.strides().data()});
-  const long outStep = fout.stride(-1), psumStep = psum.stride(-1) / long(sizeof(int32_t));
-  std::vector<double> values(static_cast<size_t>(K));
-  std::vector<int32_t> gathered(psumStep == 1 ? 0 : static_cast<size_t>(K)), whole(static_cast<size_t>(K));
+  const StridedWalk<3> walk(rows, {base(fout), base(psum), base(suminOrPsum)},
+                            {fout.strides().data(), psum.strides().data(), suminOrPsum.strides().data()});
+  const long outStep = fout.stride(-1), psumStep = psum.stride(-1), suminStep = suminOrPsum.stride(-1);
+  const double* scale = fast.scale.data() + first;
+  const double* bias = fast.bias.data() + first;
+  const double* suminScale = fast.suminScale.data() + first;
+  const size_t width = static_cast<size_t>(K);
+  std::vector<double> values(width), addBias(hasSumin ? width : 0);
+  std::vector<int32_t> gathered(width), whole(width);
+  std::vector<float> suminRow(hasSumin ? width : 0);
   walk.forEachChunk([&](char* const* p, const long* s, long n) {
     for (long j = 0; j < n; ++j) {
-      const int32_t* in = reinterpret_cast<const int32_t*>(p[1] + j * s[1]);
-      if (psumStep != 1) {
-        for (long k = 0; k < K; ++k) gathered[size_t(k)] = in[k * psumStep];
-        in = gathered.data();
-      }
-      fastValues<relu>(in, scale, bias, values.data(), K);
       char* out = p[0] + j * s[0];
+      const char* in = p[1] + j * s[1];
+      const char* add = p[2] + j * s[2];
+      const int32_t* psumRow = reinterpret_cast<const int32_t*>(in);
+      if (psumStep != long(sizeof(int32_t))) {
+        for (long k = 0; k < K; ++k) gathered[size_t(k)] = *reinterpret_cast<const int32_t*>(in + k * psumStep);
+        psumRow = gathered.data();
+      }
+      const double* rowBias = bias;
+      if constexpr (hasSumin) {
+        for (long k = 0; k < K; ++k) {
+          const TSumin v = *reinterpret_cast<const TSumin*>(add + k * suminStep);
+          if constexpr (std::is_same_v<TSumin, float>)
+            suminRow[size_t(k)] = v;
+          else
+            suminRow[size_t(k)] = v.toFloat();  // exact
+        }
+        if (!suminRowUsable(suminRow.data(), K)) {
+          static const Coord unused;
+          for (long k = 0; k < K; ++k) {
+            NoTrace quiet;
+            *reinterpret_cast<TOut*>(out + k * outStep) =
+                element(unused, regs[k], psumRow[k], static_cast<const void*>(add + k * suminStep), quiet);
+          }
+          continue;
+        }
+        fastAddBiases(suminRow.data(), suminScale, bias, addBias.data(), K);
+        rowBias = addBias.data();
+      }
+      fastValues<relu>(psumRow, scale, rowBias, values.data(), K);
       if (outStep == long(sizeof(TOut)))
         narrowRow<TOut, round>(values.data(), whole.data(), reinterpret_cast<TOut*>(out), K);
       else
-        for (long k = 0; k < K; ++k) *reinterpret_cast<TOut*>(out + k * outStep) = narrowValue<TOut, round>(values[size_t(k)]);
+        for (long k = 0; k < K; ++k)
+          *reinterpret_cast<TOut*>(out + k * outStep) = narrowValue<TOut, round>(values[size_t(k)]);
     }
   });
 }
@@ -319,7 +399,7 @@ void runFloatPostProcess(Tensor& fout, const Tensor& psum, const Tensor& sumin, 
   using vela::intrinsic::detail::storeChannelwise;
   using vela::intrinsic::detail::withConstantFlags;
   FastTables fast;
-  const bool vectorised = !sumin.isValid() && psum.stride(-1) % long(sizeof(int32_t)) == 0 && planFast(plan, fast);
+  const bool vectorised = psum.stride(-1) % long(sizeof(int32_t)) == 0 && planFast(plan, sumin.isValid(), fast);
   dispatch<FloatOutputs>(fout.elementType(), [&]<class TOut>() {
     auto run = [&]<class TSumin>() {
       withConstantFlags(flags, [&]<bool relu, bool round>() {
@@ -330,8 +410,8 @@ void runFloatPostProcess(Tensor& fout, const Tensor& psum, const Tensor& sumin, 
                                      [&](const Tensor& out, const Tensor& in, const Tensor& add, long table) {
                                        const long first = table * plan.channels;
                                        if (vectorised)
-                                         storeFast<TOut, relu, round>(out, in, fast.scale.data() + first,
-                                                                      fast.bias.data() + first);
+                                         storeFast<TOut, TSumin, relu, round>(out, in, add, fast, first,
+                                                                              plan.regs.data() + first, element);
                                        else
                                          storeChannelwise<TOut, TSumin>(out, in, add, plan.regs.data() + first,
                                                                         element);
