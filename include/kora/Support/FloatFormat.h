@@ -30,7 +30,9 @@ struct FloatFormat {
   constexpr uint64_t signBit() const { return uint64_t(1) << (exponentBits + fractionBits); }
   constexpr uint64_t infinity() const { return ((uint64_t(1) << exponentBits) - 1) << fractionBits; }
   constexpr uint64_t fractionMask() const { return (uint64_t(1) << fractionBits) - 1; }
-  constexpr uint64_t exponentField(uint64_t bits) const { return (bits >> fractionBits) & ((uint64_t(1) << exponentBits) - 1); }
+  constexpr uint64_t exponentField(uint64_t bits) const {
+    return (bits >> fractionBits) & ((uint64_t(1) << exponentBits) - 1);
+  }
   constexpr bool operator==(const FloatFormat&) const = default;
 };
 

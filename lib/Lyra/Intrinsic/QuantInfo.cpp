@@ -21,7 +21,8 @@ Status checkEncodeDecodePair(const Tensor& encode, const Tensor& decode) {
   if (encode.rank() < 2) return Status::failure("encode and decode tensors must be at least rank 2");
   if (encode.dim(-2) != decode.dim(-2)) return Status::failure("encode and decode tensor axis -2 must be identical");
   for (long axis = 0; axis + 2 < long(encode.rank()); ++axis)
-    if (encode.dim(axis) != decode.dim(axis)) return failure("encode and decode tensor axis {} must be identical", axis);
+    if (encode.dim(axis) != decode.dim(axis))
+      return failure("encode and decode tensor axis {} must be identical", axis);
   if (decode.dim(-1) != kDecodedWidth) return Status::failure("decode tensor axis -1 must be 6");
   if (encode.dim(-1) != kEncodedWidth) return Status::failure("encode tensor axis -1 must be 2");
   if (!encode.isValid() || !decode.isValid()) return Status::failure("encode and decode tensors must hold data");

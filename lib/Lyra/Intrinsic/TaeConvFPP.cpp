@@ -37,8 +37,8 @@ constexpr FloatRounding narrowing(bool round) { return round ? FloatRounding::Ne
 /// One output element, every step in fp24. TSumin is float, half or void
 /// (no sumin).
 template <class TOut, class TSumin, class Trace>
-[[gnu::always_inline]] inline TOut elementOf(const Coord& at, int32_t psum, const void* sumin, const FloatRegisters& q, PostProcessFlags flags,
-               Trace& trace) {
+[[gnu::always_inline]] inline TOut elementOf(const Coord& at, int32_t psum, const void* sumin, const FloatRegisters& q,
+                                             PostProcessFlags flags, Trace& trace) {
   KORA_TRACE(trace, "f24Bias = float32ToFp24({}) // {}", q.bias, Fp24Reading{q.f24Bias});
   uint32_t suminAddBias = q.f24Bias;
   KORA_TRACE(trace, "fp24SuminAddBias = f24Bias // {}", Fp24Reading{suminAddBias});
@@ -123,7 +123,8 @@ Status planFloatPostProcess(const Tensor& fout, const Tensor& psum, const Tensor
   const long batch = psum.rank() >= 2 ? psum.dim(0) : 1;
   const long tables = quantInfo.rank() == 3 ? quantInfo.dim(0) : 1;
   if (tables != 1 && tables != batch) return Status::failure("quantInfo axis 0 must be 1 or psum axis 0");
-  if (!typeIn<FloatOutputs>(fout.elementType())) return Status::failure("fout must be f32, f16, bf16, si8, si16 or si32");
+  if (!typeIn<FloatOutputs>(fout.elementType()))
+    return Status::failure("fout must be f32, f16, bf16, si8, si16 or si32");
   const bool hasSumin = sumin.isValid();
   if (hasSumin && !typeIn<FloatSumins>(sumin.elementType())) return Status::failure("sumin must be f32 or f16");
   if (hasSumin && !sumin.sameShape(psum)) return Status::failure("shape of psum and sumin must be identical");
