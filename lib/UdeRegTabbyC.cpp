@@ -6,6 +6,7 @@
 #include "kora/Native/Binary.h"
 #include "kora/Native/MatMul.h"
 #include "kora/Native/Reduce.h"
+#include "kora/Lyra/Conv2d.h"
 #include "kora/Mira/RoiAlign.h"
 #include "kora/Native/Unary.h"
 #include "kora/Vela/Conv2d.h"
@@ -125,6 +126,11 @@ void buildKernelTable(KernelRegistry& t) {
   // vela
   registerKernel(t, "vela::Conv2d", &vela::Conv2dConfig, &vela::Conv2d,
                  {std::vector<int64_t>{1, 1}, 1, 0, false, false, false});
+  // lyra
+  registerKernel(t, "lyra::Conv2d", &lyra::Conv2dConfig, &lyra::Conv2d,
+                 {std::vector<int64_t>{1, 1}, 1, 0, false, false, false});
+  registerKernel(t, "lyra::Conv2dFpp", &lyra::Conv2dFppConfig, &lyra::Conv2dFpp,
+                 {std::vector<int64_t>{1, 1}, 1, false, false, false});
 }
 
 }  // namespace kora

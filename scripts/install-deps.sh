@@ -7,6 +7,7 @@ packages=(
   libfmt-dev libspdlog-dev libgtest-dev libbenchmark-dev
   libopenblas-dev  # the MatMul benchmark's baseline only
   python3-dev pybind11-dev python3-numpy python3-pytest
+  libmpfr-dev  # test-only: the soft-float oracle
 )
 
 missing=()

@@ -17,6 +17,7 @@
 #include "kora/Support/FixedPoint.h"
 #include "kora/Support/FloatFormat.h"
 #include "kora/Support/Half.h"
+#include "kora/Support/SoftFloat.h"
 #include "kora/Support/StridedWalk.h"
 
 #include "kora/Kernel/Argument.h"
@@ -40,3 +41,5 @@
 #include "kora/Io/TensorFile.h"
 #include "kora/Io/TensorPrint.h"
 #include "kora/Quant/Quant.h"
+#include "kora/Lyra/Conv2d.h"
+#include "kora/Lyra/Intrinsic.h"

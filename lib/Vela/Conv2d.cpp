@@ -1,9 +1,12 @@
 #include "kora/Vela/Conv2d.h"
 
+#include "Vela/ConvWindow.h"
 #include "kora/Support/Dispatch.h"
 #include "kora/Vela/Intrinsic.h"
 
 namespace kora::vela {
+
+namespace detail {
 
 namespace {
 
@@ -17,10 +20,8 @@ long outputExtent(long input, int64_t padBefore, int64_t padAfter, long kernel, 
 
 }  // namespace
 
-Status Conv2dConfig(Tensor& fout, Tensor const& fin, Tensor const& weight, Tensor const&, Tensor const&, Tensor const&,
-                    int64_t, std::vector<int64_t> const& pad, std::vector<int64_t> const& stride,
-                    std::vector<int64_t> const& dilation, int64_t, int64_t, bool, bool, bool) {
-  constexpr const char* kernel = "Conv2d";
+Status convOutputShape(const char* kernel, const Tensor& fin, const Tensor& weight, std::vector<int64_t> const& pad,
+                       std::vector<int64_t> const& stride, std::vector<int64_t> const& dilation, long (&shape)[4]) {
   if (fin.elementType() != ElementType::si8 || weight.elementType() != ElementType::si8)
     return configError(kernel, "fin and weight must be si8");
   if (fin.rank() != 4) return configError(kernel, "rank of conv input must be 4: [n, h, w, c]");
@@ -37,10 +38,24 @@ Status Conv2dConfig(Tensor& fout, Tensor const& fin, Tensor const& weight, Tenso
   const long ho = outputExtent(fin.dim(1), pad[0], padBottom, weight.dim(1), stride[0], dilation[0]);
   const long wo = outputExtent(fin.dim(2), pad[1], padRight, weight.dim(2), stride[1], dilation[1]);
   if (ho < 1 || wo < 1) return configError(kernel, "kernel window larger than padded input");
+  shape[0] = fin.dim(0);
+  shape[1] = ho;
+  shape[2] = wo;
+  shape[3] = weight.dim(0);
+  return Status::success();
+}
+
+}  // namespace detail
+
+Status Conv2dConfig(Tensor& fout, Tensor const& fin, Tensor const& weight, Tensor const&, Tensor const&, Tensor const&,
+                    int64_t, std::vector<int64_t> const& pad, std::vector<int64_t> const& stride,
+                    std::vector<int64_t> const& dilation, int64_t, int64_t, bool, bool, bool) {
+  constexpr const char* kernel = "Conv2d";
+  long shape[4];
+  KORA_RETURN_IF_ERROR(detail::convOutputShape(kernel, fin, weight, pad, stride, dilation, shape));
   if (fout.elementType() == ElementType::invalid) fout.setElementType(ElementType::si8);
   if (!typeIn<TypeList<int8_t, int16_t, int32_t>>(fout.elementType()))
     return configError(kernel, "fout must be si8, si16 or si32");
-  const long shape[] = {fin.dim(0), ho, wo, weight.dim(0)};
   fout.setShape(shape);
   return Status::success();
 }

@@ -44,5 +44,6 @@ void runBroadcast();
 void runQuantization();
 void runReduce();
 void runMatMul();
+void runLyraConv();
 
 }  // namespace demo

@@ -13,5 +13,6 @@ int main() {
   demo::runQuantization();
   demo::runRoiAlign();
   demo::runVelaConv();
+  demo::runLyraConv();
   return 0;
 }

@@ -1,7 +1,6 @@
 // The first generation's post-process over whole tensors (decoded or encoded
 // quant info), and the MAC followed by it.
 #include <array>
-#include <cstring>
 
 #include "Vela/Intrinsic/MacEngine.h"
 #include "Vela/Intrinsic/PostProcess.h"
@@ -74,48 +73,8 @@ TOut elementOf(const Coord& at, int32_t psum, const void* sumin, const QuantRegi
   }
 }
 
-/// Every element of psum (channel = last axis) through its channel's
-/// registers regs[k]; sumin may be invalid (no sumin). The flags become
-/// constants of the loop, so it carries no per-element branch on them.
-template <class TOut, class TSumin>
-void postProcessAll(const Tensor& fout, const Tensor& psum, const Tensor& sumin, const QuantRegisters* regs,
-                    PostProcessFlags flags) {
-  const long K = psum.dim(-1);
-  const Tensor& suminOrPsum = std::is_void_v<TSumin> ? psum : sumin;
-  auto base = [](const Tensor& t) { return t.storage()->data() + t.offset(); };
-  const ArrayRef<long> rows = psum.shape().slice(0, psum.rank() - 1);
-  const StridedWalk<3> walk(rows, {base(fout), base(psum), base(suminOrPsum)},
-                            {fout.strides().data(), psum.strides().data(), suminOrPsum.strides().data()});
-  const long outStep = fout.stride(-1), psumStep = psum.stride(-1), suminStep = suminOrPsum.stride(-1);
-  auto loop = [&]<bool relu, bool round>() {
-    static const Coord unused;
-    constexpr PostProcessFlags constant{relu, round};
-    walk.forEachChunk([&](char* const* p, const long* s, long n) {
-      for (long j = 0; j < n; ++j) {
-        char* out = p[0] + j * s[0];
-        const char* in = p[1] + j * s[1];
-        const char* add = p[2] + j * s[2];
-        for (long k = 0; k < K; ++k) {
-          NoTrace quiet;
-          const int32_t value = *reinterpret_cast<const int32_t*>(in + k * psumStep);
-          *reinterpret_cast<TOut*>(out + k * outStep) =
-              elementOf<TOut, TSumin>(unused, value, add + k * suminStep, regs[k], constant, quiet);
-        }
-      }
-    });
-  };
-  if (flags.relu)
-    flags.round ? loop.template operator()<true, true>() : loop.template operator()<true, false>();
-  else
-    flags.round ? loop.template operator()<false, true>() : loop.template operator()<false, false>();
-}
-
 /// The registers of every (table, channel), ready for the loop.
-struct PostProcessPlan {
-  std::vector<QuantRegisters> regs;  // [tables * channels]
-  long tables = 1;                   // 1, or one table per batch image
-  long channels = 0;
-};
+using PostProcessPlan = ChannelPlan<QuantRegisters>;
 
 /// All checks of ConvPP / ConvPPEncoded (psum may be a shape without data:
 /// ConvMacPP checks before its psum exists), then the registers.
@@ -174,30 +133,15 @@ Status planPostProcess(const Tensor& fout, const Tensor& psum, const Tensor& qua
 
 void runPostProcess(Tensor& fout, const Tensor& psum, const Tensor& sumin, const PostProcessPlan& plan,
                     PostProcessFlags flags) {
-  if (fout.isEmpty()) return;
-  const long K = plan.channels;
-  const TracePoint trace = TracePoint::forOutput(fout);
   dispatch<TypeList<int8_t, int16_t, int32_t>>(fout.elementType(), [&]<class TOut>() {
     auto run = [&]<class TSumin>() {
-      if (trace) {  // computed, not stored, before the loop
-        const Coord& at = trace.coord();
-        const long table = plan.tables > 1 ? at[0] : 0;
-        const void* add = nullptr;
-        if constexpr (!std::is_void_v<TSumin>) add = &sumin.at<TSumin>(at);
-        Tracer tracer;
-        (void)elementOf<TOut, TSumin>(at, psum.at<int32_t>(at), add, plan.regs[size_t(table * K + at[at.rank - 1])],
-                                      flags, tracer);
-      }
-      if (plan.tables == 1) {
-        postProcessAll<TOut, TSumin>(fout, psum, sumin, plan.regs.data(), flags);
-        return;
-      }
-      for (long b = 0; b < plan.tables; ++b) {
-        const Tensor noSumin;
-        postProcessAll<TOut, TSumin>(fout.slice(0, b, b + 1), psum.slice(0, b, b + 1),
-                                     sumin.isValid() ? sumin.slice(0, b, b + 1) : noSumin, plan.regs.data() + b * K,
-                                     flags);
-      }
+      withConstantFlags(flags, [&]<bool relu, bool round>() {
+        runChannelwise<TOut, TSumin>(
+            fout, psum, sumin, plan, [](const Coord& at, const QuantRegisters& q, int32_t value, const void* add,
+                                        auto& trace) {
+              return elementOf<TOut, TSumin>(at, value, add, q, PostProcessFlags{relu, round}, trace);
+            });
+      });
     };
     if (!sumin.isValid())
       run.template operator()<void>();
@@ -238,17 +182,8 @@ Status ConvMacPP(Tensor& fout, Tensor const& fin, Tensor const& weight, Tensor c
   KORA_RETURN_IF_ERROR(prepareConvMac(psumShape, fin, weight, pad, padValue, stride, dilation, group, mac));
   PostProcessPlan plan;
   KORA_RETURN_IF_ERROR(planPostProcess(fout, psumShape, quantInfo, sumin, quantForm == 1, perTensor, plan));
-  if (psum.isValid()) {
-    if (psum.elementType() != ElementType::si32) return Status::failure("psum must be si32");
-    if (!psum.sameShape(fout)) return Status::failure("shape of psum and fout must be identical");
-  }
-
-  Tensor acc = Tensor::create(ElementType::si32, fout.shape());
-  if (psum.isValid())
-    copyElements(acc, psum);
-  else if (!acc.isEmpty())
-    std::memset(acc.data<int32_t>().data(), 0, acc.byteSpan());
-  runMac(acc, fin, mac);
+  KORA_RETURN_IF_ERROR(checkInitialPsum(psum, fout));
+  const Tensor acc = accumulate(fout.shape(), psum, fin, mac);
   runPostProcess(fout, acc, sumin, plan, {relu, round});
   return Status::success();
 }

@@ -4,6 +4,7 @@
 #include <limits>
 
 #include "Vela/Intrinsic/QuantInfo.h"
+#include "Vela/Intrinsic/QuantScales.h"
 #include "kora/Support/Dispatch.h"
 #include "kora/Vela/Intrinsic.h"
 
@@ -14,24 +15,7 @@ namespace {
 using namespace detail;
 
 constexpr double kScaleMax = 32767;   // the 15-bit scale fields
-constexpr double kUnitTolerance = 1e-6;  // a ratio this close to a power of two is that power
 constexpr int kSuminRShiftLowest = -9;   // sumin8 * scale << 9 still fits in 32 bits
-
-/// One value per channel: a list of 1 (broadcast) or K values.
-struct PerChannel {
-  ArrayRef<double> values;
-  double operator[](long k) const { return values.size() == 1 ? values[0] : values[size_t(k)]; }
-};
-
-Status checkScales(const char* name, ArrayRef<double> values, long K, bool perChannelAllowed) {
-  if (!perChannelAllowed && values.size() != 1) return failure("{} scale must hold 1 value", name);
-  if (values.size() != 1 && long(values.size()) != K) return failure("{} scale must hold 1 or {} values", name, K);
-  for (double v : values)
-    if (!(v > 0) || !std::isfinite(v)) return failure("{} scale must be positive and finite", name);
-  return Status::success();
-}
-
-bool nearlyEqual(double a, double b) { return std::fabs(a - b) <= kUnitTolerance * b; }
 
 /// preRShift, scale and postRShift for an 8-bit output with multiplier m.
 bool searchOutputShifts(double m, int64_t* row) {
@@ -59,7 +43,18 @@ bool searchSuminShift(double r, int64_t* row) {
   return true;
 }
 
-/// The bias tensor's value of channel k in accumulator units.
+}  // namespace
+
+namespace detail {
+
+Status checkScales(const char* name, ArrayRef<double> values, long K, bool perChannelAllowed) {
+  if (!perChannelAllowed && values.size() != 1) return failure("{} scale must hold 1 value", name);
+  if (values.size() != 1 && long(values.size()) != K) return failure("{} scale must hold 1 or {} values", name, K);
+  for (double v : values)
+    if (!(v > 0) || !std::isfinite(v)) return failure("{} scale must be positive and finite", name);
+  return Status::success();
+}
+
 double biasOf(const Tensor& bias, long k, double accumulatorScale) {
   if (!bias.isValid()) return 0;
   const long at[] = {k};
@@ -68,7 +63,15 @@ double biasOf(const Tensor& bias, long k, double accumulatorScale) {
   return real / accumulatorScale;
 }
 
-/// Sum of the weights of output channel k (exact in int64).
+Status checkInputZeroPoint(const Tensor& weight, int64_t finZeroPoint, long K) {
+  if (finZeroPoint == 0) return Status::success();
+  if (!weight.isValid()) return Status::failure("when fin zero point not zero, weight must be valid");
+  if (weight.elementType() != ElementType::si8 || weight.rank() != 4 || weight.dim(0) != K || finZeroPoint < -128 ||
+      finZeroPoint > 127)
+    return Status::failure("cannot generate input zero point conv2d");
+  return Status::success();
+}
+
 int64_t weightSum(const Tensor& weight, long k) {
   const Tensor row = weight.slice(0, k, k + 1).contiguous();
   int64_t sum = 0;
@@ -76,7 +79,7 @@ int64_t weightSum(const Tensor& weight, long k) {
   return sum;
 }
 
-}  // namespace
+}  // namespace detail
 
 Status GenQuantInfo(Tensor& quantInfo, Tensor const& weight, Tensor const& bias, ArrayRef<double> finScale,
                     int64_t finZeroPoint, ArrayRef<double> weightScale, ArrayRef<double> suminScale,
@@ -98,10 +101,7 @@ Status GenQuantInfo(Tensor& quantInfo, Tensor const& weight, Tensor const& bias,
   KORA_RETURN_IF_ERROR(checkScales("weight", weightScale, K, true));
   if (hasSumin) KORA_RETURN_IF_ERROR(checkScales("sumin", suminScale, K, true));
   KORA_RETURN_IF_ERROR(checkScales("fout", foutScale, K, true));
-  if (finZeroPoint != 0 && !weight.isValid()) return Status::failure("when fin zero point not zero, weight must be valid");
-  if (finZeroPoint != 0 && (weight.elementType() != ElementType::si8 || weight.rank() != 4 || weight.dim(0) != K ||
-                            finZeroPoint < -128 || finZeroPoint > 127))
-    return Status::failure("cannot generate input zero point conv2d");
+  KORA_RETURN_IF_ERROR(checkInputZeroPoint(weight, finZeroPoint, K));
 
   // Every row is derived before any is written.
   std::vector<int64_t> rows(size_t(K * kDecodedWidth), 0);

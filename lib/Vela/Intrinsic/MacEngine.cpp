@@ -1,6 +1,7 @@
 #include "Vela/Intrinsic/MacEngine.h"
 
 #include <algorithm>
+#include <cstring>
 
 #include "kora/Core/Context.h"
 #include "kora/Core/Trace.h"
@@ -205,6 +206,23 @@ void runMac(Tensor& psum, const Tensor& fin, const MacProblem& p) {
       macPixels(p, wide, data, begin, end);
   }
   if (work.storage() != psum.storage()) copyElements(psum, work);
+}
+
+Status checkInitialPsum(const Tensor& psum, const Tensor& fout) {
+  if (!psum.isValid()) return Status::success();
+  if (psum.elementType() != ElementType::si32) return Status::failure("psum must be si32");
+  if (!psum.sameShape(fout)) return Status::failure("shape of psum and fout must be identical");
+  return Status::success();
+}
+
+Tensor accumulate(ArrayRef<long> shape, const Tensor& initial, const Tensor& fin, const MacProblem& problem) {
+  Tensor acc = Tensor::create(ElementType::si32, shape);
+  if (initial.isValid())
+    copyElements(acc, initial);
+  else if (!acc.isEmpty())
+    std::memset(acc.data<int32_t>().data(), 0, acc.byteSpan());
+  runMac(acc, fin, problem);
+  return acc;
 }
 
 }  // namespace kora::vela::intrinsic::detail

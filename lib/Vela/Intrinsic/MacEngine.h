@@ -58,4 +58,13 @@ Status prepareConvMac(const Tensor& psum, const Tensor& fin, const Tensor& weigh
 /// has validated everything.
 void runMac(Tensor& psum, const Tensor& fin, const MacProblem& problem);
 
+/// The optional partial sums a whole convolution starts from: none (an
+/// invalid tensor), or si32 of fout's shape. Checks: "psum must be si32",
+/// "shape of psum and fout must be identical".
+Status checkInitialPsum(const Tensor& psum, const Tensor& fout);
+
+/// A fresh si32 psum of `shape` holding `initial` (or zeros when it is
+/// invalid), with the MAC accumulated into it.
+Tensor accumulate(ArrayRef<long> shape, const Tensor& initial, const Tensor& fin, const MacProblem& problem);
+
 }  // namespace kora::vela::intrinsic::detail

@@ -24,44 +24,6 @@ Status checkEncodeDecodePair(const Tensor& encode, const Tensor& decode) {
   return Status::success();
 }
 
-/// Calls f(rowCoord) for every coordinate of `t` without its last axis, in
-/// row-major order.
-template <class F>
-void forEachRow(const Tensor& t, F&& f) {
-  if (t.isEmpty()) return;
-  const long rank = long(t.rank()) - 1;
-  Coord at;
-  for (long d = 0; d < rank; ++d) at.push(0);
-  for (;;) {
-    f(static_cast<const Coord&>(at));
-    long d = rank - 1;
-    for (; d >= 0; --d) {
-      if (++at[d] < t.dim(d)) break;
-      at[d] = 0;
-    }
-    if (d < 0) return;
-  }
-}
-
-/// `row` with `last` appended: the coordinate of one word or value of a row.
-Coord withLast(const Coord& row, long last) {
-  Coord c = row;
-  c.push(last);
-  return c;
-}
-
-/// The traced row (the trace point without its last axis), if any.
-bool tracedRow(const TracePoint& trace, Coord& row) {
-  if (!trace) return false;
-  row = trace.coord();
-  --row.rank;
-  return true;
-}
-
-void readDecodedRow(const Tensor& decode, const Coord& at, int64_t* row) {
-  for (long j = 0; j < kDecodedWidth; ++j) row[j] = decode.at<int64_t>(withLast(at, j));
-}
-
 bool oddChannel(const Coord& at, int64_t channelBase) {
   return ((uint64_t(channelBase) + uint64_t(at[at.rank - 1])) & 1u) != 0;
 }

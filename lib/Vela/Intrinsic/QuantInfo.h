@@ -4,6 +4,7 @@
 // the post-process unit runs on.
 #include <cstdint>
 
+#include "kora/Core/Tensor.h"
 #include "kora/Core/Trace.h"
 #include "kora/Support/FixedPoint.h"
 
@@ -46,6 +47,47 @@ struct fmt::formatter<kora::vela::intrinsic::detail::PrintedRow> {
 };
 
 namespace kora::vela::intrinsic::detail {
+
+// Walking a quant-info tensor row by row (a row: one channel's words or
+// decoded values, the last axis).
+
+/// Calls f(rowCoord) for every coordinate of `t` without its last axis, in
+/// row-major order.
+template <class F>
+inline void forEachRow(const Tensor& t, F&& f) {
+  if (t.isEmpty()) return;
+  const long rank = long(t.rank()) - 1;
+  Coord at;
+  for (long d = 0; d < rank; ++d) at.push(0);
+  for (;;) {
+    f(static_cast<const Coord&>(at));
+    long d = rank - 1;
+    for (; d >= 0; --d) {
+      if (++at[d] < t.dim(d)) break;
+      at[d] = 0;
+    }
+    if (d < 0) return;
+  }
+}
+
+/// `row` with `last` appended: the coordinate of one word or value of a row.
+inline Coord withLast(const Coord& row, long last) {
+  Coord c = row;
+  c.push(last);
+  return c;
+}
+
+/// The traced row (the trace point without its last axis), if any.
+inline bool tracedRow(const TracePoint& trace, Coord& row) {
+  if (!trace) return false;
+  row = trace.coord();
+  --row.rank;
+  return true;
+}
+
+inline void readDecodedRow(const Tensor& decode, const Coord& at, int64_t* row) {
+  for (long j = 0; j < kDecodedWidth; ++j) row[j] = decode.at<int64_t>(withLast(at, j));
+}
 
 /// The coordinate of a channel's second word, from that of its first.
 inline Coord secondWord(Coord word0) {
