@@ -1,140 +1,104 @@
-// The two-input elementwise kernels and Where: broadcasting against
-// explicitly expanded operands, the integer rules against int64 references,
-// IEEE special values, output types, trace lines, failures and traps.
-#include <gtest/gtest.h>
-
-#include <bit>
-#include <cmath>
-#include <functional>
-#include <limits>
+// The two-input elementwise kernels, Where and the shape rules they share:
+// broadcasting against explicitly expanded operands, the integer rules
+// against int64 references, IEEE special values, output types, trace lines,
+// the kernel table, failures and traps.
 #include <cstring>
-#include <random>
 
-#include "TestUtil.h"
+#include "NativeTest.h"
 
 using namespace kora;
-using test::bitsOf;
-using test::tensorOf;
-using test::valuesOf;
+using namespace kora::test;
+using enum ElementType;
 
 namespace {
-
-const float kInf = std::numeric_limits<float>::infinity();
-const float kNaN = std::numeric_limits<float>::quiet_NaN();
 
 using BinaryFn = Status (*)(Tensor&, Tensor const&, Tensor const&);
 
 struct Binary {
   BinaryFn config, impl;
-  Tensor operator()(const Tensor& lhs, const Tensor& rhs, ElementType outType = ElementType::invalid) const {
-    Tensor out(outType, {});
-    Status s = config(out, lhs, rhs);
-    EXPECT_TRUE(s.ok()) << s.message();
-    out.allocate();
-    s = impl(out, lhs, rhs);
-    EXPECT_TRUE(s.ok()) << s.message();
-    return out;
+  Tensor operator()(const Tensor& lhs, const Tensor& rhs, ElementType outType = invalid) const {
+    return runKernel(config, impl, Tensor(outType, {}), lhs, rhs);
   }
 };
 
 #define OP(Name) Binary{native::Name##Config, native::Name}
-
-bool sameFloat(float a, float b) {
-  return (std::isnan(a) && std::isnan(b)) || std::bit_cast<uint32_t>(a) == std::bit_cast<uint32_t>(b);
-}
 
 // A compact copy of `t` expanded to `shape`, element by element by the
 // broadcasting rule (right-aligned, size-1 axes repeated).
 Tensor expand(const Tensor& t, std::vector<long> shape) {
   Tensor out = Tensor::create(t.elementType(), shape);
   const auto strides = getStrides(shape, 1);
-  const long width = long(byteWidth(t.elementType()));
   for (long i = 0; i < out.numElements(); ++i) {
     const auto c = getCoord(i, shape, strides);
     std::vector<long> source;
     for (size_t d = shape.size() - t.rank(); d < shape.size(); ++d)
       source.push_back(t.shape()[d - (shape.size() - t.rank())] == 1 ? 0 : c[d]);
-    std::memcpy(out.elementPointer(c), t.elementPointer(source), size_t(width));
+    std::memcpy(out.elementPointer(c), t.elementPointer(source), byteWidth(t.elementType()));
   }
   return out;
 }
 
-// The bytes of the elements in row-major order.
-std::vector<uint8_t> bytesOf(const Tensor& t) {
-  Tensor compact = Tensor::create(t.elementType(), t.shape());
-  copyElements(compact, t);
-  const char* p = compact.storage()->data();
-  return std::vector<uint8_t>(p, p + compact.byteSpan());
+// i * scale + offset for the i-th element, in `type`.
+Tensor counting(ElementType type, std::vector<long> shape, double scale, double offset) {
+  Tensor t = Tensor::create(f64, shape);
+  auto d = t.data<double>();
+  for (size_t i = 0; i < d.size(); ++i) d[i] = double(i) * scale + offset;
+  return t.cast(type);
 }
 
-template <class T>
-Tensor counting(ElementType type, std::vector<long> shape, double scale, double offset) {
-  Tensor t = Tensor::create(type, shape);
-  auto d = t.data<T>();
-  for (size_t i = 0; i < d.size(); ++i) d[i] = T(float(double(i) * scale + offset));
-  return t;
+// Every (x, y) pair of 8-bit values, as two tensors of `type`.
+std::pair<Tensor, Tensor> allPairs(ElementType type) {
+  std::vector<int64_t> a, b;
+  for (int x = -128; x < 128; ++x)
+    for (int y = -128; y < 128; ++y) a.push_back(x), b.push_back(y);
+  return {tensorOf<int64_t>(si64, {65536}, a).cast(type), tensorOf<int64_t>(si64, {65536}, b).cast(type)};
+}
+
+Tensor ints(ElementType type, std::vector<int64_t> v) {
+  return tensorOf<int64_t>(si64, {long(v.size())}, v).cast(type);
 }
 
 }  // namespace
 
 TEST(BinaryBroadcast, EqualsTheKernelOnExpandedOperands) {
-  struct Shapes {
-    std::vector<long> lhs, rhs, out;
-  };
-  const Shapes shapes[] = {
-      {{3, 1}, {4}, {3, 4}},          {{2, 1, 5}, {3, 1}, {2, 3, 5}}, {{4, 6}, {1, 1}, {4, 6}},
-      {{4, 6}, {}, {4, 6}},           {{1}, {2, 3}, {2, 3}},          {{5, 1, 1, 3}, {1, 4, 2, 1}, {5, 4, 2, 3}},
+  const std::vector<long> shapes[][3] = {
+      {{3, 1}, {4}, {3, 4}}, {{2, 1, 5}, {3, 1}, {2, 3, 5}}, {{4, 6}, {1, 1}, {4, 6}},
+      {{4, 6}, {}, {4, 6}},  {{1}, {2, 3}, {2, 3}},          {{5, 1, 1, 3}, {1, 4, 2, 1}, {5, 4, 2, 3}},
   };
   const std::pair<const char*, Binary> ops[] = {
-      {"Add", OP(Add)}, {"Sub", OP(Sub)}, {"Div", OP(Div)}, {"Max", OP(Max)}, {"Greater", OP(Greater)},
-  };
-  for (const Shapes& s : shapes) {
-    for (ElementType type : {ElementType::f32, ElementType::si16, ElementType::f16}) {
-      Tensor lhs = type == ElementType::f32  ? counting<float>(type, s.lhs, 0.75, -3.0)
-                   : type == ElementType::f16 ? counting<half>(type, s.lhs, 0.75, -3.0)
-                                              : counting<int16_t>(type, s.lhs, 3.0, -7.0);
-      Tensor rhs = type == ElementType::f32  ? counting<float>(type, s.rhs, -0.5, 2.0)
-                   : type == ElementType::f16 ? counting<half>(type, s.rhs, -0.5, 2.0)
-                                              : counting<int16_t>(type, s.rhs, -2.0, 5.0);
+      {"Add", OP(Add)}, {"Sub", OP(Sub)}, {"Div", OP(Div)}, {"Max", OP(Max)}, {"Greater", OP(Greater)}};
+  for (const auto& [ls, rs, shape] : shapes) {
+    for (ElementType type : {f32, si16, f16}) {
+      const bool integer = type == si16;
+      Tensor lhs = counting(type, ls, integer ? 3.0 : 0.75, integer ? -7.0 : -3.0);
+      Tensor rhs = counting(type, rs, integer ? -2.0 : -0.5, integer ? 5.0 : 2.0);
       for (const auto& [name, op] : ops) {
-        SCOPED_TRACE(std::string(name) + " " + elementTypeName(type) + " rhs rank " + std::to_string(s.rhs.size()));
+        SCOPED_TRACE(std::string(name) + " " + elementTypeName(type) + " rhs rank " + std::to_string(rs.size()));
         Tensor broadcast = op(lhs, rhs);
-        EXPECT_EQ(broadcast.shape().vec(), s.out);
-        Tensor expanded = op(expand(lhs, s.out), expand(rhs, s.out));
-        EXPECT_EQ(bytesOf(broadcast), bytesOf(expanded));
+        EXPECT_EQ(broadcast.shape().vec(), shape);
+        EXPECT_EQ(resultBits(broadcast), resultBits(op(expand(lhs, shape), expand(rhs, shape))));
       }
     }
   }
 }
 
 TEST(BinaryBroadcast, StridedOperandsAndOutputs) {
-  Tensor lhs = counting<float>(ElementType::f32, {6, 9}, 0.37, -5.0);
-  Tensor rhs = counting<float>(ElementType::f32, {9, 6}, -0.11, 3.0);
-  const auto expected = bitsOf<float>(OP(Mul)(lhs, rhs.permute({1, 0}).contiguous()));
-  EXPECT_EQ(bitsOf<float>(OP(Mul)(lhs, rhs.permute({1, 0}))), expected) << "transposed rhs";
-  Tensor wide = Tensor::create(ElementType::f32, {6, 18});
-  Tensor sliced = wide.slice(1, 0, 18, 2);
-  copyElements(sliced, lhs);
-  EXPECT_EQ(bitsOf<float>(OP(Mul)(sliced, rhs.permute({1, 0}))), expected) << "sliced lhs";
-  Tensor storage = Tensor::create(ElementType::f32, {9, 6});
-  Tensor out = storage.permute({1, 0});
-  ASSERT_TRUE(native::Mul(out, lhs, rhs.permute({1, 0})).ok());
-  EXPECT_EQ(bitsOf<float>(out), expected) << "transposed output";
-  // In place: fout is lhs.
-  Tensor copy = Tensor::create(ElementType::f32, {6, 9});
-  copyElements(copy, lhs);
-  ASSERT_TRUE(native::Mul(copy, copy, rhs.permute({1, 0})).ok());
-  EXPECT_EQ(bitsOf<float>(copy), expected) << "in place";
+  Tensor lhs = counting(f32, {6, 9}, 0.37, -5.0), rhs = counting(f32, {6, 9}, -0.11, 3.0);
+  const auto expected = resultBits(OP(Mul)(lhs, rhs));
+  for (const auto& [layout, l] : layoutsOf(lhs))
+    EXPECT_EQ(resultBits(OP(Mul)(l, transposedCopy(rhs))), expected) << layout;
+  Tensor out = transposedCopy(Tensor::create(f32, {6, 9}));
+  ASSERT_TRUE(native::Mul(out, lhs, rhs).ok());
+  EXPECT_EQ(resultBits(out), expected) << "transposed output";
+  Tensor inPlace = transposedCopy(lhs);
+  ASSERT_TRUE(native::Mul(inPlace, inPlace, rhs).ok());
+  EXPECT_EQ(resultBits(inPlace), expected) << "in place";
 }
 
 TEST(BinaryIntegers, DivRemModAgainstInt64OnEverySi8Pair) {
-  std::vector<int8_t> a, b;
-  for (int x = -128; x < 128; ++x)
-    for (int y = -128; y < 128; ++y) a.push_back(int8_t(x)), b.push_back(int8_t(y));
-  Tensor lhs = tensorOf<int8_t>(ElementType::si8, {long(a.size())}, a);
-  Tensor rhs = tensorOf<int8_t>(ElementType::si8, {long(b.size())}, b);
-  const auto div = valuesOf<int8_t>(OP(Div)(lhs, rhs));
-  const auto rem = valuesOf<int8_t>(OP(Rem)(lhs, rhs));
+  const auto [lhs, rhs] = allPairs(si8);
+  const auto a = valuesOf<int8_t>(lhs), b = valuesOf<int8_t>(rhs);
+  const auto div = valuesOf<int8_t>(OP(Div)(lhs, rhs)), rem = valuesOf<int8_t>(OP(Rem)(lhs, rhs));
   const auto mod = valuesOf<int8_t>(OP(Mod)(lhs, rhs));
   for (size_t i = 0; i < a.size(); ++i) {
     const int64_t x = a[i], y = b[i];
@@ -152,55 +116,43 @@ TEST(BinaryIntegers, HandWorkedRulesOnEveryWidth) {
     Tensor lhs, rhs;
     std::vector<int64_t> out;
   };
-  auto si = [](ElementType t, std::vector<int64_t> v) {
-    Tensor x = tensorOf<int64_t>(ElementType::si64, {long(v.size())}, v);
-    return x.cast(t);
-  };
-  const int64_t i32min = INT32_MIN, i64min = INT64_MIN;
+  const int64_t i32min = INT32_MIN, i64min = INT64_MIN, i64max = INT64_MAX;
   const Case cases[] = {
-      {"si8 div", OP(Div), si(ElementType::si8, {-128, 5, -7, 7}), si(ElementType::si8, {-1, 0, 2, -2}), {-128, 0, -3, -3}},
-      {"si32 rem", OP(Rem), si(ElementType::si32, {5, -7, 7, i32min}), si(ElementType::si32, {0, 2, -2, -1}), {5, -1, 1, 0}},
-      {"si64 div", OP(Div), si(ElementType::si64, {i64min, i64min, 9}), si(ElementType::si64, {-1, 1, 0}), {i64min, i64min, 0}},
-      {"si16 mod", OP(Mod), si(ElementType::si16, {-7, 7, -32768}), si(ElementType::si16, {2, -2, 3}), {-1, 1, -2}},
-      {"ui8 div", OP(Div), si(ElementType::ui8, {200, 255, 7}), si(ElementType::ui8, {0, 2, 255}), {0, 127, 0}},
-      {"ui32 rem", OP(Rem), si(ElementType::ui32, {4294967295, 10}), si(ElementType::ui32, {0, 4}), {4294967295, 2}},
-      {"si8 add wraps", OP(Add), si(ElementType::si8, {127, -128}), si(ElementType::si8, {1, -1}), {-128, 127}},
-      {"ui8 sub wraps", OP(Sub), si(ElementType::ui8, {0, 5}), si(ElementType::ui8, {1, 7}), {255, 254}},
-      {"si64 mul wraps", OP(Mul), si(ElementType::si64, {INT64_MAX, i64min}), si(ElementType::si64, {2, -1}), {-2, i64min}},
-      {"si16 mul wraps", OP(Mul), si(ElementType::si16, {300, -32768}), si(ElementType::si16, {300, -1}), {24464, -32768}},
-      {"si32 max/min", OP(Max), si(ElementType::si32, {i32min, 3}), si(ElementType::si32, {0, -3}), {0, 3}},
-      {"ui64 min", OP(Min), si(ElementType::ui64, {-1, 5}), si(ElementType::ui64, {1, 6}), {1, 5}},
-      {"si32 pow", OP(Pow), si(ElementType::si32, {2, 2, -2, 3, 0, -8}), si(ElementType::si32, {10, 31, 31, -1, 0, 3}),
+      {"si32 rem", OP(Rem), ints(si32, {5, -7, 7, i32min}), ints(si32, {0, 2, -2, -1}), {5, -1, 1, 0}},
+      {"si64 div", OP(Div), ints(si64, {i64min, i64min, 9}), ints(si64, {-1, 1, 0}), {i64min, i64min, 0}},
+      {"si16 mod", OP(Mod), ints(si16, {-7, 7, -32768}), ints(si16, {2, -2, 3}), {-1, 1, -2}},
+      {"ui8 div", OP(Div), ints(ui8, {200, 255, 7}), ints(ui8, {0, 2, 255}), {0, 127, 0}},
+      {"ui32 rem", OP(Rem), ints(ui32, {4294967295, 10}), ints(ui32, {0, 4}), {4294967295, 2}},
+      {"si8 add wraps", OP(Add), ints(si8, {127, -128}), ints(si8, {1, -1}), {-128, 127}},
+      {"ui8 sub wraps", OP(Sub), ints(ui8, {0, 5}), ints(ui8, {1, 7}), {255, 254}},
+      {"si64 mul wraps", OP(Mul), ints(si64, {i64max, i64min}), ints(si64, {2, -1}), {-2, i64min}},
+      {"si16 mul wraps", OP(Mul), ints(si16, {300, -32768}), ints(si16, {300, -1}), {24464, -32768}},
+      {"si32 max", OP(Max), ints(si32, {i32min, 3}), ints(si32, {0, -3}), {0, 3}},
+      {"ui64 min", OP(Min), ints(ui64, {-1, 5}), ints(ui64, {1, 6}), {1, 5}},
+      {"si32 pow", OP(Pow), ints(si32, {2, 2, -2, 3, 0, -8}), ints(si32, {10, 31, 31, -1, 0, 3}),
        {1024, INT32_MAX, i32min, 0, 1, -512}},
-      {"ui8 pow saturates", OP(Pow), si(ElementType::ui8, {2, 16}), si(ElementType::ui8, {8, 2}), {255, 255}},
-      {"si64 pow", OP(Pow), si(ElementType::si64, {-2, 10}), si(ElementType::si64, {63, 19}), {i64min, INT64_MAX}},
-      {"and", OP(BitwiseAnd), si(ElementType::si16, {0x0ff0, -1}), si(ElementType::si16, {0x00ff, -32768}), {0x00f0, -32768}},
-      {"or", OP(BitwiseOr), si(ElementType::ui8, {0xf0, 1}), si(ElementType::ui8, {0x0f, 2}), {0xff, 3}},
-      {"xor", OP(BitwiseXor), si(ElementType::si64, {-1, 6}), si(ElementType::si64, {i64min, 3}), {INT64_MAX, 5}},
+      {"ui8 pow saturates", OP(Pow), ints(ui8, {2, 16}), ints(ui8, {8, 2}), {255, 255}},
+      {"si64 pow", OP(Pow), ints(si64, {-2, 10}), ints(si64, {63, 19}), {i64min, i64max}},
+      {"and", OP(BitwiseAnd), ints(si16, {0x0ff0, -1}), ints(si16, {0x00ff, -32768}), {0x00f0, -32768}},
+      {"or", OP(BitwiseOr), ints(ui8, {0xf0, 1}), ints(ui8, {0x0f, 2}), {0xff, 3}},
+      {"xor", OP(BitwiseXor), ints(si64, {-1, 6}), ints(si64, {i64min, 3}), {i64max, 5}},
+      // The shift count is taken modulo 64, in both directions.
+      {"si64 shift", OP(BitShift), ints(si64, {-256, 1, 3, 5, -1}), ints(si64, {64, -65, i64min, 66, 63}),
+       {-256, 2, 3, 1, -1}},
+      {"ui64 shift", OP(BitShift), ints(ui64, {-1, 8}), ints(ui64, {i64min + 1, 64}), {i64max, 8}},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.what);
-    EXPECT_EQ(valuesOf<int64_t>(c.op(c.lhs, c.rhs).cast(ElementType::si64)), c.out);
+    EXPECT_EQ(valuesOf<int64_t>(c.op(c.lhs, c.rhs).cast(si64)), c.out);
   }
 }
 
-TEST(BinaryIntegers, BitShiftInSixtyFourBitsWithTheCountModulo64) {
-  // The published examples, on ui8.
-  Tensor value = tensorOf<uint8_t>(ElementType::ui8, {3}, {200, 200, 200});
-  Tensor counts = tensorOf<uint8_t>(ElementType::ui8, {3}, {2, 8, 0});
-  EXPECT_EQ(valuesOf<uint8_t>(OP(BitShift)(value, counts)), (std::vector<uint8_t>{50, 0, 200}));
-  Tensor signedValue = tensorOf<int8_t>(ElementType::si8, {1}, {100});
-  EXPECT_EQ(valuesOf<int8_t>(OP(BitShift)(signedValue, tensorOf<int8_t>(ElementType::si8, {1}, {-1}))),
-            (std::vector<int8_t>{-56})) << "200 truncated to 8 bits";
-  // Every si8 and ui8 (value, count) pair against shifts of int64 values.
-  std::vector<int8_t> v, c;
-  for (int x = -128; x < 128; ++x)
-    for (int y = -128; y < 128; ++y) v.push_back(int8_t(x)), c.push_back(int8_t(y));
-  const auto shiftedSigned = valuesOf<int8_t>(
-      OP(BitShift)(tensorOf<int8_t>(ElementType::si8, {65536}, v), tensorOf<int8_t>(ElementType::si8, {65536}, c)));
-  std::vector<uint8_t> uv(v.begin(), v.end()), uc(c.begin(), c.end());
-  const auto shiftedUnsigned = valuesOf<uint8_t>(
-      OP(BitShift)(tensorOf<uint8_t>(ElementType::ui8, {65536}, uv), tensorOf<uint8_t>(ElementType::ui8, {65536}, uc)));
+TEST(BinaryIntegers, BitShiftOnEverySi8AndUi8Pair) {
+  const auto [sv, sc] = allPairs(si8);
+  const auto [uv, uc] = allPairs(ui8);
+  const auto v = valuesOf<int8_t>(sv), c = valuesOf<int8_t>(sc);
+  const auto shiftedSigned = valuesOf<int8_t>(OP(BitShift)(sv, sc));
+  const auto shiftedUnsigned = valuesOf<uint8_t>(OP(BitShift)(uv, uc));
   for (size_t i = 0; i < v.size(); ++i) {
     const int64_t x = v[i], n = c[i];
     int64_t expected;
@@ -212,17 +164,10 @@ TEST(BinaryIntegers, BitShiftInSixtyFourBitsWithTheCountModulo64) {
       expected = m >= 8 ? 0 : int64_t(int8_t(uint8_t(uint64_t(x) << m)));
     }
     ASSERT_EQ(shiftedSigned[i], expected) << x << " shifted by " << n;
-    const uint64_t ux = uv[i], un = uc[i];
+    const uint64_t ux = uint8_t(x), un = uint8_t(n);
     const uint64_t uexpected = un == 0 ? ux : (un % 64 >= 8 ? 0 : ux >> (un % 64));
     ASSERT_EQ(shiftedUnsigned[i], uexpected) << ux << " shifted by " << un;
   }
-  // Counts beyond 63 wrap modulo 64, in both directions.
-  Tensor wide = tensorOf<int64_t>(ElementType::si64, {5}, {-256, 1, 3, 5, -1});
-  Tensor wideCounts = tensorOf<int64_t>(ElementType::si64, {5}, {64, -65, INT64_MIN, 66, 63});
-  EXPECT_EQ(valuesOf<int64_t>(OP(BitShift)(wide, wideCounts)), (std::vector<int64_t>{-256, 2, 3, 1, -1}));
-  Tensor u64 = tensorOf<uint64_t>(ElementType::ui64, {2}, {UINT64_MAX, 8});
-  Tensor u64Counts = tensorOf<uint64_t>(ElementType::ui64, {2}, {(uint64_t(1) << 63) + 1, 64});
-  EXPECT_EQ(valuesOf<uint64_t>(OP(BitShift)(u64, u64Counts)), (std::vector<uint64_t>{UINT64_MAX >> 1, 8}));
 }
 
 TEST(BinaryFloats, IeeeSpecialValues) {
@@ -233,23 +178,25 @@ TEST(BinaryFloats, IeeeSpecialValues) {
   };
   const Case cases[] = {
       {"Div", OP(Div), {1, -1, 0, kInf, 7}, {0, 0, 0, kInf, -2}, {kInf, -kInf, kNaN, kNaN, -3.5f}},
-      {"Rem truncates", OP(Rem), {5.5f, -5.5f, 5.5f, 1, kInf, 3}, {2, 2, -2, kInf, 1, 0}, {1.5f, -1.5f, 1.5f, 1, kNaN, kNaN}},
+      {"Rem truncates", OP(Rem), {5.5f, -5.5f, 5.5f, 1, kInf, 3}, {2, 2, -2, kInf, 1, 0},
+       {1.5f, -1.5f, 1.5f, 1, kNaN, kNaN}},
       {"Mod is Rem", OP(Mod), {5.5f, -5.5f, 5.5f, -7}, {2, 2, -2, 2}, {1.5f, -1.5f, 1.5f, -1}},
       {"Max", OP(Max), {kNaN, 1, -0.0f, 0.0f, -kInf}, {1, kNaN, 0.0f, -0.0f, -3}, {kNaN, kNaN, 0.0f, 0.0f, -3}},
       {"Min", OP(Min), {kNaN, 1, -0.0f, 0.0f, kInf}, {1, kNaN, 0.0f, -0.0f, -3}, {kNaN, kNaN, -0.0f, -0.0f, -3}},
-      {"Pow", OP(Pow), {2, -8, 0, 10, 2, -1}, {10, 1.0f / 3, 0, 38.5f, -1075, kInf}, {1024, kNaN, 1, float(std::pow(10.0, 38.5)), 0, 1}},
+      {"Pow", OP(Pow), {2, -8, 0, 10, 2, -1}, {10, 1.0f / 3, 0, 38.5f, -1075, kInf},
+       {1024, kNaN, 1, float(std::pow(10.0, 38.5)), 0, 1}},
       {"Add", OP(Add), {kInf, 1e38f, -0.0f}, {-kInf, 1e38f, 0.0f}, {kNaN, 2e38f, 0.0f}},
       {"Sub", OP(Sub), {-0.0f, 3e38f}, {0.0f, -3e38f}, {-0.0f, kInf}},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.what);
     const long n = long(c.lhs.size());
-    const auto out = valuesOf<float>(c.op(tensorOf<float>(ElementType::f32, {n}, c.lhs), tensorOf<float>(ElementType::f32, {n}, c.rhs)));
+    const auto out = valuesOf<float>(c.op(tensorOf<float>(f32, {n}, c.lhs), tensorOf<float>(f32, {n}, c.rhs)));
     for (long i = 0; i < n; ++i) EXPECT_PRED2(sameFloat, out[i], c.out[i]) << c.lhs[i] << ", " << c.rhs[i];
   }
   // f64 runs in double.
-  Tensor d = tensorOf<double>(ElementType::f64, {1}, {1.0});
-  EXPECT_EQ(valuesOf<double>(OP(Div)(d, tensorOf<double>(ElementType::f64, {1}, {3.0})))[0], 1.0 / 3.0);
+  Tensor one = tensorOf<double>(f64, {1}, {1.0}), three = tensorOf<double>(f64, {1}, {3.0});
+  EXPECT_EQ(valuesOf<double>(OP(Div)(one, three))[0], 1.0 / 3.0);
 }
 
 TEST(BinaryFloats, HalfIsTheFloatResultRoundedToNearestEven) {
@@ -259,14 +206,13 @@ TEST(BinaryFloats, HalfIsTheFloatResultRoundedToNearestEven) {
   a[0] = 0x7c00, b[0] = 0xfc00;  // inf + -inf
   a[1] = 0x7bff, b[1] = 0x7bff;  // overflow
   a[2] = 0x0001, b[2] = 0x3800;  // subnormal times a half
-  Tensor lhs = tensorOf<uint16_t>(ElementType::f16, {long(a.size())}, a);
-  Tensor rhs = tensorOf<uint16_t>(ElementType::f16, {long(b.size())}, b);
+  Tensor lhs = tensorOf<uint16_t>(f16, {long(a.size())}, a), rhs = tensorOf<uint16_t>(f16, {long(b.size())}, b);
   const std::pair<const char*, Binary> ops[] = {{"Add", OP(Add)}, {"Sub", OP(Sub)}, {"Mul", OP(Mul)},
                                                 {"Div", OP(Div)}, {"Rem", OP(Rem)}, {"Max", OP(Max)}};
   for (const auto& [name, op] : ops) {
     SCOPED_TRACE(name);
     const auto fromHalf = bitsOf<half>(op(lhs, rhs));
-    const auto fromFloat = valuesOf<float>(op(lhs.cast(ElementType::f32), rhs.cast(ElementType::f32)));
+    const auto fromFloat = valuesOf<float>(op(lhs.cast(f32), rhs.cast(f32)));
     for (size_t i = 0; i < a.size(); ++i) {
       // With two NaN operands, which payload survives is not guaranteed.
       const uint16_t expected = floatToHalfBits(fromFloat[i]);
@@ -274,212 +220,172 @@ TEST(BinaryFloats, HalfIsTheFloatResultRoundedToNearestEven) {
       ASSERT_EQ(fromHalf[i], expected) << i;
     }
   }
-  // Pow goes from double to f16 in one rounding.
-  Tensor two = tensorOf<uint16_t>(ElementType::f16, {2}, {0x4000, 0x4000});
-  Tensor exps = tensorOf<uint16_t>(ElementType::f16, {2}, {0x4200, 0x4c00});  // 3 and 16
+  // Pow goes from double to f16 in one rounding: 2^3, and 2^16 overflows.
+  Tensor two = tensorOf<uint16_t>(f16, {2}, {0x4000, 0x4000}), exps = tensorOf<uint16_t>(f16, {2}, {0x4200, 0x4c00});
   EXPECT_EQ(bitsOf<half>(OP(Pow)(two, exps)), (std::vector<uint16_t>{0x4800, 0x7c00}));
 }
 
 TEST(BinaryPredicates, ComparisonsAndLogicalOperators) {
-  const std::vector<float> x = {1, kNaN, -0.0f, 2, kNaN, -kInf};
-  const std::vector<float> y = {2, 1, 0.0f, 2, kNaN, -kInf};
-  struct Case {
-    const char* what;
-    Binary op;
-    std::vector<uint8_t> out;
+  Tensor lhs = tensorOf<float>(f32, {6}, {1, kNaN, -0.0f, 2, kNaN, -kInf});
+  Tensor rhs = tensorOf<float>(f32, {6}, {2, 1, 0.0f, 2, kNaN, -kInf});
+  const std::pair<Binary, std::vector<uint8_t>> cases[] = {
+      {OP(Equal), {0, 0, 1, 1, 0, 1}},      {OP(NotEqual), {1, 1, 0, 0, 1, 0}},   {OP(Greater), {0, 0, 0, 0, 0, 0}},
+      {OP(GreaterEqual), {0, 0, 1, 1, 0, 1}}, {OP(Less), {1, 0, 0, 0, 0, 0}},     {OP(LessEqual), {1, 0, 1, 1, 0, 1}},
+      {OP(LogicalAnd), {1, 1, 0, 1, 1, 1}}, {OP(LogicalOr), {1, 1, 0, 1, 1, 1}},  {OP(LogicalXor), {0, 0, 0, 0, 0, 0}},
   };
-  const Case cases[] = {
-      {"Equal", OP(Equal), {0, 0, 1, 1, 0, 1}},       {"NotEqual", OP(NotEqual), {1, 1, 0, 0, 1, 0}},
-      {"Greater", OP(Greater), {0, 0, 0, 0, 0, 0}},   {"GreaterEqual", OP(GreaterEqual), {0, 0, 1, 1, 0, 1}},
-      {"Less", OP(Less), {1, 0, 0, 0, 0, 0}},         {"LessEqual", OP(LessEqual), {1, 0, 1, 1, 0, 1}},
-      {"LogicalAnd", OP(LogicalAnd), {1, 1, 0, 1, 1, 1}}, {"LogicalOr", OP(LogicalOr), {1, 1, 0, 1, 1, 1}},
-      {"LogicalXor", OP(LogicalXor), {0, 0, 0, 0, 0, 0}},
-  };
-  Tensor lhs = tensorOf<float>(ElementType::f32, {6}, x), rhs = tensorOf<float>(ElementType::f32, {6}, y);
-  Tensor lhs16 = lhs.cast(ElementType::f16), rhs16 = rhs.cast(ElementType::f16);
-  for (const Case& c : cases) {
-    SCOPED_TRACE(c.what);
-    Tensor out = c.op(lhs, rhs);
-    EXPECT_EQ(out.elementType(), ElementType::bool8) << "bool8 when fout's type is unset";
-    EXPECT_EQ(valuesOf<uint8_t>(out), c.out);
-    EXPECT_EQ(valuesOf<uint8_t>(c.op(lhs16, rhs16)), c.out) << "f16";
+  for (size_t i = 0; i < std::size(cases); ++i) {
+    const auto& [op, expected] = cases[i];
+    SCOPED_TRACE(i);
+    Tensor out = op(lhs, rhs);
+    EXPECT_EQ(out.elementType(), bool8) << "bool8 when fout's type is unset";
+    EXPECT_EQ(valuesOf<uint8_t>(out), expected);
+    EXPECT_EQ(valuesOf<uint8_t>(op(lhs.cast(f16), rhs.cast(f16))), expected) << "f16";
     // Any other output type receives 1 or 0.
-    std::vector<int32_t> asInt(c.out.begin(), c.out.end());
-    EXPECT_EQ(valuesOf<int32_t>(c.op(lhs, rhs, ElementType::si32)), asInt);
-    std::vector<float> asFloat(c.out.begin(), c.out.end());
-    EXPECT_EQ(valuesOf<float>(c.op(lhs, rhs, ElementType::f32)), asFloat);
+    const std::vector<double> asDouble(expected.begin(), expected.end());
+    EXPECT_EQ(valuesOf<double>(op(lhs, rhs, si32).cast(f64)), asDouble);
+    EXPECT_EQ(valuesOf<double>(op(lhs, rhs, f32).cast(f64)), asDouble);
   }
   // Integers compare by value over their whole range, unsigned included.
-  Tensor big = tensorOf<uint64_t>(ElementType::ui64, {2}, {uint64_t(1) << 63, 0});
-  Tensor small = tensorOf<uint64_t>(ElementType::ui64, {2}, {1, 0});
+  Tensor big = ints(ui64, {INT64_MIN, 0}), small = ints(ui64, {1, 0});
   EXPECT_EQ(valuesOf<uint8_t>(OP(Greater)(big, small)), (std::vector<uint8_t>{1, 0}));
-  Tensor neg = tensorOf<int64_t>(ElementType::si64, {2}, {INT64_MIN, -1});
-  Tensor pos = tensorOf<int64_t>(ElementType::si64, {2}, {INT64_MAX, 0});
-  EXPECT_EQ(valuesOf<uint8_t>(OP(Less)(neg, pos)), (std::vector<uint8_t>{1, 1}));
+  Tensor negative = ints(si64, {INT64_MIN, -1}), positive = ints(si64, {INT64_MAX, 0});
+  EXPECT_EQ(valuesOf<uint8_t>(OP(Less)(negative, positive)), (std::vector<uint8_t>{1, 1}));
   // bool8 operands: any non-zero byte is true and compares as 1.
-  Tensor p = tensorOf<uint8_t>(ElementType::bool8, {4}, {2, 0, 1, 7});
-  Tensor q = tensorOf<uint8_t>(ElementType::bool8, {4}, {1, 0, 0, 0});
+  Tensor p = tensorOf<uint8_t>(bool8, {4}, {2, 0, 1, 7}), q = tensorOf<uint8_t>(bool8, {4}, {1, 0, 0, 0});
   EXPECT_EQ(valuesOf<uint8_t>(OP(Equal)(p, q)), (std::vector<uint8_t>{1, 1, 0, 0}));
   EXPECT_EQ(valuesOf<uint8_t>(OP(LogicalXor)(p, q)), (std::vector<uint8_t>{0, 0, 1, 1}));
   EXPECT_EQ(valuesOf<uint8_t>(OP(LogicalAnd)(p, q)), (std::vector<uint8_t>{1, 0, 0, 0}));
 }
 
 TEST(Where, SelectorSenseTypesAndBroadcasting) {
-  const uint32_t m1 = std::bit_cast<uint32_t>(-1.0f), m2 = std::bit_cast<uint32_t>(-2.0f),
-                 m3 = std::bit_cast<uint32_t>(-3.0f);
-  const uint32_t v2 = std::bit_cast<uint32_t>(2.0f), v3 = std::bit_cast<uint32_t>(3.0f),
-                 v4 = std::bit_cast<uint32_t>(4.0f), v5 = std::bit_cast<uint32_t>(5.0f),
-                 v6 = std::bit_cast<uint32_t>(6.0f);
+  auto bits = [](float x) { return std::bit_cast<uint32_t>(x); };
+  const uint32_t nan = 0x7fa00001u, m1 = bits(-1), m2 = bits(-2), m3 = bits(-3);
+  const uint32_t v2 = bits(2), v3 = bits(3), v4 = bits(4), v5 = bits(5), v6 = bits(6);
   // lhs starts with a NaN whose payload must be copied unchanged.
-  Tensor lhs = tensorOf<uint32_t>(ElementType::f32, {2, 3}, {0x7fa00001u, v2, v3, v4, v5, v6});
-  Tensor rhs = tensorOf<float>(ElementType::f32, {3}, {-1, -2, -3});
-  struct Case {
-    const char* what;
-    Tensor sls;
-    std::vector<uint32_t> out;
+  Tensor lhs = tensorOf<uint32_t>(f32, {2, 3}, {nan, v2, v3, v4, v5, v6});
+  Tensor rhs = tensorOf<float>(f32, {3}, {-1, -2, -3});
+  const std::pair<Tensor, std::vector<uint32_t>> cases[] = {
+      {tensorOf<uint8_t>(bool8, {2, 3}, {1, 0, 9, 0, 1, 0}), {nan, m2, v3, m1, v5, m3}},
+      {tensorOf<float>(f32, {2, 3}, {kNaN, -0.0f, 0.5f, 0, 0, -7}), {nan, m2, v3, m1, m2, v6}},
+      {tensorOf<int32_t>(si32, {2, 1}, {0, -5}), {m1, m2, m3, v4, v5, v6}},
+      {tensorOf<uint8_t>(ui8, {}, {3}), {nan, v2, v3, v4, v5, v6}},
   };
-  const Case cases[] = {
-      {"bool8 bytes", tensorOf<uint8_t>(ElementType::bool8, {2, 3}, {1, 0, 9, 0, 1, 0}), {0x7fa00001u, m2, v3, m1, v5, m3}},
-      {"f32 with NaN and -0", tensorOf<float>(ElementType::f32, {2, 3}, {kNaN, -0.0f, 0.5f, 0, 0, -7}),
-       {0x7fa00001u, m2, v3, m1, m2, v6}},
-      {"si32 column", tensorOf<int32_t>(ElementType::si32, {2, 1}, {0, -5}), {m1, m2, m3, v4, v5, v6}},
-      {"one ui8 value", tensorOf<uint8_t>(ElementType::ui8, {}, {3}), {0x7fa00001u, v2, v3, v4, v5, v6}},
-  };
-  for (const Case& c : cases) {
-    SCOPED_TRACE(c.what);
-    Tensor out;
-    ASSERT_TRUE(native::WhereConfig(out, lhs, rhs, c.sls).ok());
-    EXPECT_EQ(out.type(), TensorType(ElementType::f32, {2, 3}));
-    out.allocate();
-    ASSERT_TRUE(native::Where(out, lhs, rhs, c.sls).ok());
-    EXPECT_EQ(bitsOf<float>(out), c.out);
+  for (const auto& [sls, expected] : cases) {
+    SCOPED_TRACE(elementTypeName(sls.elementType()));
+    Tensor out = runKernel(native::WhereConfig, native::Where, Tensor(), lhs, rhs, sls);
+    EXPECT_EQ(out.type(), TensorType(f32, {2, 3}));
+    EXPECT_EQ(bitsOf<float>(out), expected);
   }
-  // Other value widths are copied bit for bit too.
-  Tensor a = tensorOf<int64_t>(ElementType::si64, {2}, {INT64_MIN, 1}), b = tensorOf<int64_t>(ElementType::si64, {1}, {7});
-  Tensor s = tensorOf<uint8_t>(ElementType::bool8, {2}, {1, 0});
-  Tensor out64 = Tensor::create(ElementType::si64, {2});
-  ASSERT_TRUE(native::Where(out64, a, b, s).ok());
+  // Other value widths are copied bit for bit too, a signalling NaN included.
+  Tensor s = tensorOf<uint8_t>(bool8, {2}, {1, 0});
+  Tensor out64 = Tensor::create(si64, {2}), out16 = Tensor::create(f16, {2});
+  ASSERT_TRUE(native::Where(out64, ints(si64, {INT64_MIN, 1}), ints(si64, {7}), s).ok());
   EXPECT_EQ(valuesOf<int64_t>(out64), (std::vector<int64_t>{INT64_MIN, 7}));
-  Tensor h = tensorOf<uint16_t>(ElementType::f16, {2}, {0x7d01, 0x3c00}), g = tensorOf<uint16_t>(ElementType::f16, {2}, {0, 0});
-  Tensor out16 = Tensor::create(ElementType::f16, {2});
-  ASSERT_TRUE(native::Where(out16, h, g, s).ok());
-  EXPECT_EQ(bitsOf<half>(out16), (std::vector<uint16_t>{0x7d01, 0})) << "a signalling NaN is copied unchanged";
+  ASSERT_TRUE(native::Where(out16, tensorOf<uint16_t>(f16, {2}, {0x7d01, 0x3c00}), Tensor::create(f16, {2}), s).ok());
+  EXPECT_EQ(bitsOf<half>(out16)[0], 0x7d01);
 }
 
 TEST(BinaryTrace, LinesNameEachOperandsOwnCoordinate) {
-  Tensor lhs = tensorOf<float>(ElementType::f32, {3, 1}, {1, 2, 3});
-  Tensor rhs = tensorOf<float>(ElementType::f32, {4}, {10, 20, 30, 40.5f});
-  struct Case {
-    std::function<Tensor()> run;
-    std::vector<long> point;
-    std::vector<std::string> lines;
-  };
-  const Case cases[] = {
+  Tensor lhs = tensorOf<float>(f32, {3, 1}, {1, 2, 3}), rhs = tensorOf<float>(f32, {4}, {10, 20, 30, 40.5f});
+  Tensor u8 = tensorOf<uint8_t>(ui8, {2}, {200, 200}), two = tensorOf<uint8_t>(ui8, {1}, {2});
+  Tensor noes = tensorOf<uint8_t>(bool8, {2}, {0, 0}), some = tensorOf<uint8_t>(bool8, {2}, {0, 5});
+  Tensor sls = tensorOf<uint8_t>(bool8, {1, 4}, {1, 0, 1, 0});
+  const std::tuple<std::function<Tensor()>, std::vector<long>, std::vector<std::string>> cases[] = {
       {[&] { return OP(Add)(lhs, rhs); }, {2, 3}, {"fout[2, 3] = add(lhs[2, 0], rhs[3]) // add(3, 40.5) -> 43.5 "}},
-      {[&] { return OP(GreaterEqual)(lhs, rhs, ElementType::si32); }, {1, 0},
+      {[&] { return OP(GreaterEqual)(lhs, rhs, si32); }, {1, 0},
        {"fout[1, 0] = greater_equal(lhs[1, 0], rhs[0]) // greater_equal(2, 10) -> 0 "}},
       {[&] { return OP(Equal)(rhs, rhs); }, {2}, {"fout[2] = equal(lhs[2], rhs[2]) // equal(30, 30) -> 1 "}},
-      {[&] {
-         return OP(BitShift)(tensorOf<uint8_t>(ElementType::ui8, {2}, {200, 200}),
-                             tensorOf<uint8_t>(ElementType::ui8, {1}, {2}));
-       },
-       {1}, {"fout[1] = bit_shift(lhs[1], rhs[0]) // bit_shift(200, 2) -> 50 "}},
-      {[&] {
-         return OP(LogicalOr)(tensorOf<uint8_t>(ElementType::bool8, {2}, {0, 0}),
-                              tensorOf<uint8_t>(ElementType::bool8, {2}, {0, 5}));
-       },
-       {1}, {"fout[1] = logical_or(lhs[1], rhs[1]) // logical_or(0, 5) -> 1 "}},
-      {[&] {
-         Tensor out = Tensor::create(ElementType::f32, {3, 4});
-         Tensor sls = tensorOf<uint8_t>(ElementType::bool8, {1, 4}, {1, 0, 1, 0});
-         EXPECT_TRUE(native::Where(out, lhs, rhs, sls).ok());
-         return out;
-       },
+      {[&] { return OP(BitShift)(u8, two); }, {1}, {"fout[1] = bit_shift(lhs[1], rhs[0]) // bit_shift(200, 2) -> 50 "}},
+      {[&] { return OP(LogicalOr)(noes, some); }, {1},
+       {"fout[1] = logical_or(lhs[1], rhs[1]) // logical_or(0, 5) -> 1 "}},
+      {[&] { return runKernel(native::WhereConfig, native::Where, Tensor(), lhs, rhs, sls); },
        {2, 1}, {"fout[2, 1] = ternary_select(lhs[2, 0], rhs[1], sls[0, 1]) // ternary_select(3, 20, 0) -> 20 "}},
       {[&] { return OP(Mod)(lhs, rhs); }, {3, 0}, {}},  // outside the output
       {[&] { return OP(Mod)(lhs, rhs); }, {3}, {}},     // another rank
   };
-  for (const Case& c : cases) {
-    const auto untraced = bitsOf<float>(c.run().cast(ElementType::f32));
-    test::TraceCapture capture;
-    test::ScopedTracePoint point(c.point);
-    EXPECT_EQ(bitsOf<float>(c.run().cast(ElementType::f32)), untraced) << "tracing never changes the output";
-    EXPECT_EQ(capture.lines(), c.lines);
-  }
-  // In place and traced: the line shows the original operand.
-  Tensor a = tensorOf<int32_t>(ElementType::si32, {3}, {5, 6, 7});
-  Tensor b = tensorOf<int32_t>(ElementType::si32, {1}, {10});
-  test::TraceCapture capture;
-  test::ScopedTracePoint point({1});
-  ASSERT_TRUE(native::Sub(a, a, b).ok());
+  for (const auto& [run, point, lines] : cases) expectTrace(run, point, lines);
+  // In place: the line shows the original operand.
+  Tensor a = tensorOf<int32_t>(si32, {3}, {5, 6, 7});
+  TraceCapture capture;
+  ScopedTracePoint point({1});
+  ASSERT_TRUE(native::Sub(a, a, tensorOf<int32_t>(si32, {1}, {10})).ok());
   EXPECT_EQ(valuesOf<int32_t>(a), (std::vector<int32_t>{-5, -4, -3}));
   EXPECT_EQ(capture.lines(), std::vector<std::string>{"fout[1] = sub(lhs[1], rhs[0]) // sub(6, 10) -> -4 "});
 }
 
 TEST(BinaryFailures, ExactTextsAndNothingWritten) {
-  Tensor f32 = tensorOf<float>(ElementType::f32, {2}, {1, 2});
-  Tensor si32 = tensorOf<int32_t>(ElementType::si32, {2}, {1, 2});
-  Tensor out = tensorOf<float>(ElementType::f32, {2}, {9, 9});
-  Tensor bools = tensorOf<uint8_t>(ElementType::bool8, {2}, {9, 9});
-  Tensor rank3 = Tensor::create(ElementType::f32, {1, 1, 2});
-  Tensor wrongSize = Tensor::create(ElementType::f32, {3});
-  Tensor untyped;
-  struct Case {
-    const char* what;
-    std::function<Status()> call;
-    std::string message;
-  };
-  const Case cases[] = {
-      {"arithmetic types", [&] { return native::Add(out, f32, si32); }, "type mismatch"},
-      {"arithmetic output type", [&] { return native::Div(bools, f32, f32); }, "type mismatch"},
-      {"predicate input types", [&] { return native::Less(bools, f32, si32); }, "input type miss"},
-      {"rank", [&] { return native::Mul(out, rank3, f32); }, "rank of fout is less than lhs and rhs"},
-      {"predicate rank", [&] { return native::Equal(bools, f32, rank3); }, "rank of fout is less than lhs and rhs"},
-      {"not broadcastable to fout", [&] { return native::Sub(out, f32, wrongSize); }, "axis 0 size not match for all fins"},
-      {"config shapes", [&] {
-         Tensor l = Tensor::create(ElementType::f32, {2, 3}), r = Tensor::create(ElementType::f32, {4, 3});
-         return native::AddConfig(untyped, l, r);
-       }, "Add config error: axis 0 size not match for all fins"},
-      {"config validity", [&] { return native::EqualConfig(untyped, f32, Tensor()); },
-       "Equal config error: lhs and rhs must both valid"},
-      {"config shift", [&] { return native::BitShiftConfig(untyped, Tensor(), si32); },
-       "BitShift config error: lhs and rhs must both valid"},
-      {"Where types", [&] { return native::Where(out, f32, si32, bools); }, "type mismatch, fout: f32, lhs: f32, rhs: si32"},
-      {"Where rank", [&] { return native::Where(out, f32, f32, rank3); }, "rank of fout is less than lhs, rhs or sls"},
-      {"Where config", [&] { return native::WhereConfig(untyped, f32, f32, wrongSize); },
-       "Where config error: axis 0 size not match for all fins"},
-  };
-  for (const Case& c : cases) EXPECT_EQ(c.call().message(), c.message) << c.what;
+  Tensor f32s = tensorOf<float>(f32, {2}, {1, 2}), si32s = tensorOf<int32_t>(si32, {2}, {1, 2});
+  Tensor out = tensorOf<float>(f32, {2}, {9, 9}), bools = tensorOf<uint8_t>(bool8, {2}, {9, 9});
+  Tensor rank3 = Tensor::create(f32, {1, 1, 2}), three = Tensor::create(f32, {3}), untyped;
+  Tensor grid = Tensor::create(f32, {2, 3}), tall = Tensor::create(f32, {4, 3});
+  expectFailures({
+      {"type mismatch", CALL(Add(out, f32s, si32s))},
+      {"type mismatch", CALL(Div(bools, f32s, f32s))},
+      {"input type miss", CALL(Less(bools, f32s, si32s))},
+      {"rank of fout is less than lhs and rhs", CALL(Mul(out, rank3, f32s))},
+      {"rank of fout is less than lhs and rhs", CALL(Equal(bools, f32s, rank3))},
+      {"axis 0 size not match for all fins", CALL(Sub(out, f32s, three))},
+      {"Add config error: axis 0 size not match for all fins", CALL(AddConfig(untyped, grid, tall))},
+      {"Equal config error: lhs and rhs must both valid", CALL(EqualConfig(untyped, f32s, Tensor()))},
+      {"BitShift config error: lhs and rhs must both valid", CALL(BitShiftConfig(untyped, Tensor(), si32s))},
+      {"type mismatch, fout: f32, lhs: f32, rhs: si32", CALL(Where(out, f32s, si32s, bools))},
+      {"rank of fout is less than lhs, rhs or sls", CALL(Where(out, f32s, f32s, rank3))},
+      {"Where config error: axis 0 size not match for all fins", CALL(WhereConfig(untyped, f32s, f32s, three))},
+  });
   EXPECT_EQ(valuesOf<float>(out), (std::vector<float>{9, 9}));
   EXPECT_EQ(valuesOf<uint8_t>(bools), (std::vector<uint8_t>{9, 9}));
-  Tensor typed(ElementType::f16, {});
-  ASSERT_TRUE(native::MaxConfig(typed, f32, Tensor::create(ElementType::f32, {3, 1})).ok());
-  EXPECT_EQ(typed.type(), TensorType(ElementType::f16, {3, 2})) << "a type set by the caller is kept";
+  Tensor typed(f16, {});
+  ASSERT_TRUE(native::MaxConfig(typed, f32s, Tensor::create(f32, {3, 1})).ok());
+  EXPECT_EQ(typed.type(), TensorType(f16, {3, 2})) << "a type set by the caller is kept";
 }
 
-using BinaryDeathTest = ::testing::Test;
-TEST_F(BinaryDeathTest, TypesAnOperatorDoesNotServeTrap) {
-  struct Case {
-    const char* what;
-    ElementType in, out;
-    BinaryFn call;
+TEST(ElementwiseShape, InferenceRightAlignsAndTakesTheSizeThatIsNotOne) {
+  const std::tuple<std::vector<std::vector<long>>, std::vector<long>, std::string> cases[] = {
+      {{{3, 1}, {4}, {1}}, {3, 4}, ""},
+      {{{2, 3}, {4, 3}, {1}}, {}, "axis 0 size not match for all fins"},
+      {{{5, 1, 7}, {6, 1}, {1}}, {5, 6, 7}, ""},
+      {{{0, 3}, {1, 3}, {}}, {0, 3}, ""},
+      {{{2, 3, 4}, {2, 1, 5}, {1}}, {}, "axis 2 size not match for all fins"},
+      {{{2, 3}, {2, 1}, {4, 1, 1}}, {4, 2, 3}, ""},
   };
-  const Case cases[] = {
-      {"Add on bf16", ElementType::vbf16, ElementType::vbf16, native::Add},
-      {"BitwiseAnd on f32", ElementType::f32, ElementType::f32, native::BitwiseAnd},
-      {"BitShift on bool8", ElementType::bool8, ElementType::bool8, native::BitShift},
-      {"Less on opaque", ElementType::opaque16, ElementType::bool8, native::Less},
-      {"Equal into opaque", ElementType::f32, ElementType::opaque8, native::Equal},
-  };
-  for (const Case& c : cases) {
-    SCOPED_TRACE(c.what);
-    Tensor a = Tensor::create(c.in, {2}), b = Tensor::create(c.in, {2}), out = Tensor::create(c.out, {2});
-    const char* name = elementTypeName(c.out == ElementType::opaque8 ? c.out : c.in);
-    EXPECT_DEATH(
-        {
-          test::logToStderr();
-          (void)c.call(out, a, b);
-        },
-        std::string("unknown element type: ") + name);
+  for (const auto& [inputs, expected, failure] : cases) {
+    std::vector<Tensor> t;
+    for (const auto& s : inputs) t.push_back(Tensor::create(f32, s));
+    std::vector<long> shape = {99};
+    Status s = native::inferElementwiseShape({&t[0], &t[1], &t[2]}, shape);
+    EXPECT_EQ(s.message(), failure);
+    EXPECT_EQ(shape, failure.empty() ? expected : std::vector<long>{99}) << "the shape is set only on success";
+  }
+  std::vector<long> shape;
+  Tensor valid = Tensor::create(f32, {2}), noData(f32, {2});
+  EXPECT_EQ(native::inferElementwiseShape({&valid, &noData}, shape).message(), "lhs and rhs must both valid");
+}
+
+TEST(ElementwiseShape, BroadcastViewsShareStorageWithStrideZero) {
+  Tensor lhs = tensorOf<float>(f32, {3, 1}, {1, 2, 3}), rhs = Tensor::create(f32, {2, 1, 4});
+  const auto lhsStorage = lhs.storage();
+  const long countBefore = lhsStorage.use_count();
+  ASSERT_TRUE(native::broadcastBinary(Tensor::create(f32, {2, 3, 4}), lhs, rhs).ok());
+  EXPECT_EQ(lhs.shape().vec(), (std::vector<long>{2, 3, 4}));
+  EXPECT_EQ(lhs.strides().vec(), (std::vector<long>{0, 4, 0}));
+  EXPECT_EQ(rhs.strides().vec(), (std::vector<long>{16, 0, 4}));
+  EXPECT_EQ(lhs.storage(), lhsStorage) << "the view shares the caller's storage";
+  EXPECT_EQ(lhsStorage.use_count(), countBefore);
+  EXPECT_EQ(lhs.at<float>({1, 2, 3}), 3.0f);
+  // A view keeps a non-zero offset and the operand's own strides.
+  Tensor base = tensorOf<float>(f32, {2, 4}, {0, 1, 2, 3, 4, 5, 6, 7});
+  Tensor column = base.slice(1, 2, 3).slice(0, 1, 2);                // [1, 1] holding 6
+  Tensor row = base.slice(0, 1, 2).permute({1, 0}).slice(0, 0, 3);  // [3, 1]: 4, 5, 6
+  ASSERT_TRUE(native::broadcastBinary(Tensor::create(f32, {3, 5}), column, row).ok());
+  EXPECT_EQ(column.at<float>({2, 4}), 6.0f);
+  EXPECT_EQ(row.at<float>({1, 3}), 5.0f);
+  // On failure neither operand changes, even one that alone would broadcast.
+  const std::tuple<std::vector<long>, std::vector<long>, std::string> failures[] = {
+      {{1, 3, 4}, {4}, "rank of fout is less than lhs and rhs"}, {{4}, {3, 2}, "axis 1 size not match for all fins"}};
+  for (const auto& [ls, rs, message] : failures) {
+    Tensor l = Tensor::create(f32, ls), r = Tensor::create(f32, rs);
+    EXPECT_EQ(native::broadcastBinary(Tensor::create(f32, {3, 4}), l, r).message(), message);
+    EXPECT_EQ(l.type(), TensorType(f32, ls));
+    EXPECT_EQ(r.type(), TensorType(f32, rs));
   }
 }

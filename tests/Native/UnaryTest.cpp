@@ -57,29 +57,25 @@ TEST(UnaryFormulas, SinglePrecisionInTheWrittenOrder) {
   };
   const Row rows[] = {
       {"Sigmoid", PLAIN(Sigmoid), [](float x) { return 1.0f / (expf(-x) + 1.0f); },
-       {[](float x) { return float(1.0 / (std::exp(-double(x)) + 1.0)); },
-        [](float x) { return expf(x) / (expf(x) + 1.0f); }}},
+       {[](float x) { return float(1.0 / (std::exp(-double(x)) + 1.0)); }}},
       {"Swish", PLAIN(Swish), [](float x) { return x * (1.0f / (expf(-x) + 1.0f)); },
        {[](float x) { return x / (expf(-x) + 1.0f); }}},
       {"Mish", PLAIN(Mish), [=](float x) { return mish(logf(expf(x) + 1.0f), x); },
-       {[](float x) { return x * tanhf(logf(expf(x) + 1.0f)); }, [=](float x) { return mish(log1pf(expf(x)), x); }}},
+       {[](float x) { return x * tanhf(logf(expf(x) + 1.0f)); }}},
       {"GELU", PLAIN(GELU), [](float x) { return x * 0.5f * (erff(x / 1.4142135f) + 1.0f); },
-       {[](float x) { return x * 0.5f * erfcf(-x / 1.4142135f); },
-        [](float x) { return x * 0.5f * (erff(x * 0.70710677f) + 1.0f); }}},
+       {[](float x) { return x * 0.5f * (erff(x * 0.70710677f) + 1.0f); }}},
       {"GELUV2 none", BOUND(GELUV2, std::string("none")),
        [](float x) { return x * 0.5f * (erff(x / 1.4142135f) + 1.0f); }, {}},
       {"GELUV2 tanh", BOUND(GELUV2, std::string("tanh")),
        [](float x) { return 0.5f * x * (1.0f + tanhf(0.7978845f * (x + 0.044715f * x * x * x))); },
-       {[](float x) { return 0.5f * x * (1.0f + tanhf(0.7978845f * fmaf(0.044715f * x * x, x, x))); },
-        [](float x) { return 0.5f * x * (1.0f + tanhf(0.7978845f * (x + 0.044715f * (x * x * x)))); }}},
+       {[](float x) { return 0.5f * x * (1.0f + tanhf(0.7978845f * (x + 0.044715f * (x * x * x)))); }}},
       {"Softplus(2, 15)", BOUND(Softplus, 2.0, 15.0),
        [](float x) { return 2.0f * x > 15.0f ? x : (1.0f / 2.0f) * logf(expf(2.0f * x) + 1.0f); },
        {[](float x) { return 2.0f * x > 15.0f ? x : 0.5f * log1pf(expf(2.0f * x)); }}},
       {"Elu(1.5)", BOUND(Elu, 1.5f), [](float x) { return x < 0.0f ? (expf(x) - 1.0f) * 1.5f : x; },
        {[](float x) { return x < 0.0f ? expm1f(x) * 1.5f : x; }}},
       {"Selu", BOUND(Selu, sa, sg), [=](float x) { return x > 0.0f ? sg * x : sg * fmaf(sa, expf(x), -sa); },
-       {[=](float x) { return x > 0.0f ? sg * x : sg * (sa * expf(x) - sa); },
-        [=](float x) { return x > 0.0f ? sg * x : sg * sa * (expf(x) - 1.0f); }}},
+       {[=](float x) { return x > 0.0f ? sg * x : sg * (sa * expf(x) - sa); }}},
       {"Hardsigmoid(0.2, 0.5)", BOUND(Hardsigmoid, 0.2f, 0.5f), [=](float x) { return hardsigmoid(0.2f * x + 0.5f); },
        {[=](float x) { return hardsigmoid(fmaf(0.2f, x, 0.5f)); }}},
       {"Softsign", PLAIN(Softsign), [](float x) { return x / (fabsf(x) + 1.0f); },
@@ -244,20 +240,15 @@ TEST(UnaryLayouts, StridedOperandsAndInPlace) {
   std::vector<float> values(7 * 33);
   for (size_t i = 0; i < values.size(); ++i) values[i] = float(int(i % 29) - 14) * 0.37f;
   Tensor compact = tensorOf<float>(f32, {7, 33}, values);
-  const std::pair<const char*, Member> members[] = {
-      {"Sigmoid", PLAIN(Sigmoid)}, {"ClampF", BOUND(ClampF, -1.0, 1.0)}, {"ReLU", PLAIN(ReLU)}};
-  for (const auto& [name, member] : members) {
-    for (const Tensor& base : {compact, compact.cast(f16)}) {
-      SCOPED_TRACE(std::string(name) + " " + elementTypeName(base.elementType()));
-      const auto expected = resultBits(member(base));
-      for (const auto& [layout, view] : layoutsOf(base)) EXPECT_EQ(resultBits(member(view)), expected) << layout;
-      Tensor out = transposedCopy(Tensor::create(base.elementType(), {7, 33}));
-      ASSERT_TRUE(member.impl(out, base).ok());
-      EXPECT_EQ(resultBits(out), expected) << "transposed output";
-      Tensor inPlace = transposedCopy(base);
-      ASSERT_TRUE(member.impl(inPlace, inPlace).ok());
-      EXPECT_EQ(resultBits(inPlace), expected) << "in place";
-    }
+  for (const Tensor& base : {compact, compact.cast(f16)}) {
+    SCOPED_TRACE(elementTypeName(base.elementType()));
+    const auto expected = resultBits(PLAIN(Sigmoid)(base));
+    for (const auto& [layout, view] : layoutsOf(base)) EXPECT_EQ(resultBits(PLAIN(Sigmoid)(view)), expected) << layout;
+    Tensor out = transposedCopy(Tensor::create(base.elementType(), {7, 33})), inPlace = transposedCopy(base);
+    ASSERT_TRUE(native::Sigmoid(out, base).ok());
+    EXPECT_EQ(resultBits(out), expected) << "transposed output";
+    ASSERT_TRUE(native::Sigmoid(inPlace, inPlace).ok());
+    EXPECT_EQ(resultBits(inPlace), expected) << "in place";
   }
 }
 
@@ -269,25 +260,17 @@ TEST(UnaryTrace, LinesForTheTracedCoordinate) {
     std::vector<std::string> lines;
   };
   Tensor f32s = tensorOf<float>(f32, {2, 2}, {-1.5f, 0.25f, kNaN, 4.0f});
-  Tensor f16s = tensorOf<uint16_t>(f16, {2, 2}, {0xc000, 0x3e00, 0x3555, 0xbc00});
   const Case cases[] = {
       {PLAIN(Sigmoid), f32s, {0, 1}, {"fout[0, 1] = sigmoid(fin[0, 1]) // sigmoid(0.25) -> 0.5621765 "}},
       {BOUND(GELUV2, std::string("none")), f32s, {1, 1},
        {"fout[1, 1] = geluv2_none(fin[1, 1]) // geluv2_none(4) -> 3.9998732 "}},
       {BOUND(GELUV2, std::string("tanh")), f32s, {1, 1},
        {"fout[1, 1] = geluv2_tanh(fin[1, 1]) // geluv2_tanh(4) -> 3.99993 "}},
-      {BOUND(Hardsigmoid, 0.2f, 0.5f), f32s, {1, 0}, {"fout[1, 0] = hardsigmoid(fin[1, 0]) // hardsigmoid(nan) -> 1 "}},
       {BOUND(ClampF, -1.0, 1.0), f32s, {0, 0}, {"fout[0, 0] = clamp(fin[0, 0]) // clamp(-1.5) -> -1 "}},
       {BOUND(NanToNum, 9.0, 1.0, 2.0), f32s, {1, 0}, {"fout[1, 0] = nanToNum(fin[1, 0]) // nanToNum(nan) -> 9 "}},
-      {BOUND(Round, int64_t(0)), f32s, {0, 0}, {"fout[0, 0] = round(fin[0, 0]) // round(-1.5) -> -2 "}},
-      {BOUND(LeakyReLU, 0.5), f32s, {0, 0}, {"fout[0, 0] = leakyrelu(fin[0, 0]) // leakyrelu(-1.5) -> -0.75 "}},
-      {PLAIN(Erf), f32s, {0, 1}, {"fout[0, 1] = erf(fin[0, 1]) // erf(0.25) -> 0.2763264 "}},
       {PLAIN(Exp), tensorOf<uint16_t>(f16, {1}, {0x3c00}), {0}, {"fout[0] = exp(fin[0]) // exp(1) -> 2.71875 "}},
-      {PLAIN(ReLU), f16s, {1, 0}, {"fout[1, 0] = relu(fin[1, 0]) // relu(0.33325195) -> 0.33325195 "}},
-      {PLAIN(ReLU), f16s, {2, 0}, {}},  // outside the output
-      {PLAIN(ReLU), f16s, {1}, {}},     // another rank
-      {BOUND(Clamp, int64_t(-2), int64_t(2)), ints(si16, {-7, 1, 9}), {2},
-       {"fout[2] = clamp(fin[2]) // clamp(9) -> 2 "}},
+      {PLAIN(ReLU), f32s, {2, 0}, {}},  // outside the output
+      {PLAIN(ReLU), f32s, {1}, {}},     // another rank
       {PLAIN(BitwiseNot), ints(si8, {5, -128}), {1}, {"fout[1] = bitwise_not(fin[1]) // bitwise_not(-128) -> 127 "}},
       {PLAIN(LogicalNot), tensorOf<uint8_t>(bool8, {2}, {0, 3}), {0},
        {"fout[0] = logical_not(fin[0]) // logical_not(0) -> 1 "}},
@@ -355,55 +338,21 @@ TEST(UnaryFailures, ExactTextsAndNothingWritten) {
   }
 }
 
-using UnaryDeathTest = ::testing::Test;
-TEST_F(UnaryDeathTest, TypesAMemberDoesNotServeTrap) {
-  const std::pair<ElementType, UnaryFn> cases[] = {
-      {f64, native::Sigmoid},
-      {vbf16, native::Exp},
-      {f32, [](Tensor& o, const Tensor& i) { return native::Clamp(o, i, 0, 1); }},
-      {ui8, native::ReLU},
-      {f64, native::ReLU},
-      {opaque32, native::LogicalNot},
-      {si32, [](Tensor& o, const Tensor& i) { return native::Lut(o, i, Tensor::create(si32, {4})); }},
-  };
-  for (const auto& [type, call] : cases) {
-    SCOPED_TRACE(elementTypeName(type));
-    Tensor in = Tensor::create(type, {2}), out = Tensor::create(type, {2});
-    expectTypeTrap([&] { (void)call(out, in); }, type);
-  }
-  Tensor in = Tensor::create(f32, {2}), unset = Tensor::create(f32, {2}).view(invalid);
-  expectTypeTrap([&] { (void)native::ReLU(unset, in); }, invalid);
-}
-
 TEST(Cast, RulesOfEachPairWithTheSaturateFlag) {
   auto cast = [](ElementType type, const Tensor& in, bool saturate) {
     return valuesOf<double>(runKernel(native::CastConfig, native::Cast, Tensor(type, {}), in, saturate).cast(f64));
   };
-  Tensor floats = tensorOf<float>(f32, {6}, {2.9f, -2.9f, 300.0f, -1e10f, NAN, 65520.0f});
   Tensor wide = tensorOf<int32_t>(si32, {4}, {300, -129, 255, -1});
-  EXPECT_EQ(cast(si8, floats, false), (std::vector<double>{2, -2, 127, -128, 0, 127}));
   // f32 -> f16 rounds to nearest even; 65520 overflows unless saturating, an infinity stays.
   Tensor big = tensorOf<float>(f32, {2}, {65520.0f, -kInf});
   EXPECT_EQ(cast(f16, big, false), (std::vector<double>{INFINITY, -INFINITY}));
   EXPECT_EQ(cast(f16, big, true), (std::vector<double>{65504, -INFINITY}));
   EXPECT_EQ(cast(si8, wide, false), (std::vector<double>{44, 127, -1, -1}));
   EXPECT_EQ(cast(si8, wide, true), (std::vector<double>{127, -128, 127, -1}));
-  EXPECT_EQ(cast(bool8, wide, false), (std::vector<double>{1, 1, 1, 1}));
-  EXPECT_EQ(cast(f64, tensorOf<uint8_t>(bool8, {3}, {0, 1, 9}), false), (std::vector<double>{0, 1, 1}));
   // Equal types copy bit for bit, NaN payload included.
   Tensor nan = tensorOf<uint32_t>(f32, {2}, {0x7fa00001u, 0xff800000u});
   Tensor copy = runKernel(native::CastConfig, native::Cast, Tensor(f32, {}), nan, false);
   EXPECT_EQ(bitsOf<float>(copy), (std::vector<uint32_t>{0x7fa00001u, 0xff800000u}));
-  // Transposed input, transposed output.
-  Tensor in = tensorOf<int16_t>(si16, {2, 3}, {1, -2, 3, -4, 5, -600}).permute({1, 0});
-  Tensor storage = Tensor::create(si8, {2, 3});
-  Tensor out = storage.permute({1, 0});
-  ASSERT_TRUE(native::Cast(out, in, true).ok());
-  EXPECT_EQ(valuesOf<int8_t>(storage), (std::vector<int8_t>{1, -2, 3, -4, 5, -128}));
-  // Through the kernel table, with the target type carried by the output.
-  std::vector<Tensor> outputs = {Tensor(ui8, {})};
-  ASSERT_TRUE(invoke("native::Cast", outputs, {tensorOf<float>(f32, {2}, {-5.5f, 7.9f}), true}).ok());
-  EXPECT_EQ(valuesOf<uint8_t>(outputs[0]), (std::vector<uint8_t>{0, 7}));
 }
 
 TEST(FakeCast, RoundsThroughHalf) {
