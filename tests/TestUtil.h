@@ -1,8 +1,14 @@
 #pragma once
 // Helpers shared by the tests: building tensors from values, reading them
 // back through their strides, and capturing trace lines and log messages.
+#include <unistd.h>
+
+#include <algorithm>
 #include <cstdio>
 #include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
 #include <memory>
 #include <sstream>
 #include <string>
@@ -93,5 +99,71 @@ inline void logToStderr() {
     std::fprintf(stderr, "%u|%s\n", unsigned(level), text);
   }, nullptr);
 }
+
+/// The bytes of a compact copy of `t` (empty without data), for exact
+/// comparisons across element types and layouts.
+inline std::string compactBytes(const Tensor& t) {
+  if (!t.storage() || t.isEmpty()) return {};
+  Tensor c = t.contiguous();
+  return std::string(c.storage()->data() + c.offset(), c.byteSpan());
+}
+
+/// Every byte of the storage behind `t` (empty without one): compare before
+/// and after a call to see that it wrote nothing.
+inline std::string storageBytes(const Tensor& t) {
+  return t.storage() ? std::string(t.storage()->data(), t.storage()->size()) : std::string();
+}
+
+/// A compact tensor whose every byte is `byte`, to see which elements a call writes.
+inline Tensor filled(ElementType type, std::vector<long> shape, unsigned char byte) {
+  Tensor t = Tensor::create(type, shape);
+  if (t.storage()) std::memset(t.storage()->data(), byte, t.storage()->size());
+  return t;
+}
+
+/// The little-endian bytes of 64-bit words (the serialized tensor's header).
+inline std::string words(std::initializer_list<uint64_t> list) {
+  std::string s;
+  for (uint64_t w : list) s.append(reinterpret_cast<const char*>(&w), 8);
+  return s;
+}
+
+/// The bytes of values of type T, one after the other.
+template <class T>
+std::string raw(std::initializer_list<T> values) {
+  std::string s;
+  for (T v : values) s.append(reinterpret_cast<const char*>(&v), sizeof(T));
+  return s;
+}
+
+inline std::string readFile(const std::string& path) {
+  std::ifstream in(path, std::ios::binary);
+  return std::string(std::istreambuf_iterator<char>(in), {});
+}
+
+inline void writeFile(const std::string& path, const std::string& bytes) {
+  std::ofstream(path, std::ios::binary) << bytes;
+}
+
+/// A fresh directory under the system's temporary one, removed with its content.
+class TempDir {
+ public:
+  TempDir() {
+    std::string pattern = (std::filesystem::temp_directory_path() / "kora-test-XXXXXX").string();
+    path_ = ::mkdtemp(pattern.data());
+  }
+  ~TempDir() { std::filesystem::remove_all(path_); }
+  std::string operator/(const std::string& name) const { return (path_ / name).string(); }
+  /// The names in the directory, sorted.
+  std::vector<std::string> names() const {
+    std::vector<std::string> list;
+    for (const auto& e : std::filesystem::directory_iterator(path_)) list.push_back(e.path().filename().string());
+    std::sort(list.begin(), list.end());
+    return list;
+  }
+
+ private:
+  std::filesystem::path path_;
+};
 
 }  // namespace kora::test

@@ -2,33 +2,16 @@
 
 #include "Vela/ConvWindow.h"
 #include "kora/Lyra/Intrinsic.h"
-#include "kora/Support/Dispatch.h"
 
 namespace kora::lyra {
 
-namespace {
-
-/// fout's shape, and its element type: the caller's when set and among
-/// `Allowed`, `fallback` when unset.
-template <class Allowed>
-Status configure(const char* kernel, Tensor& fout, const Tensor& fin, const Tensor& weight,
-                 std::vector<int64_t> const& pad, std::vector<int64_t> const& stride,
-                 std::vector<int64_t> const& dilation, ElementType fallback, const char* typeReason) {
-  long shape[4];
-  KORA_RETURN_IF_ERROR(vela::detail::convOutputShape(kernel, fin, weight, pad, stride, dilation, shape));
-  if (fout.elementType() == ElementType::invalid) fout.setElementType(fallback);
-  if (!typeIn<Allowed>(fout.elementType())) return configError(kernel, typeReason);
-  fout.setShape(shape);
-  return Status::success();
-}
-
-}  // namespace
+using vela::detail::configureConvOutput;
 
 Status Conv2dConfig(Tensor& fout, Tensor const& fin, Tensor const& weight, Tensor const&, Tensor const&, Tensor const&,
                     int64_t, std::vector<int64_t> const& pad, std::vector<int64_t> const& stride,
                     std::vector<int64_t> const& dilation, int64_t, int64_t, bool, bool, bool) {
-  return configure<TypeList<int8_t, int16_t, int32_t>>("Conv2d", fout, fin, weight, pad, stride, dilation,
-                                                       ElementType::si8, "fout must be si8, si16 or si32");
+  return configureConvOutput<TypeList<int8_t, int16_t, int32_t>>("Conv2d", fout, fin, weight, pad, stride, dilation,
+                                                                 ElementType::si8, "fout must be si8, si16 or si32");
 }
 
 Status Conv2d(Tensor& fout, Tensor const& fin, Tensor const& weight, Tensor const& quantInfo, Tensor const& sumin,
@@ -42,7 +25,7 @@ Status Conv2d(Tensor& fout, Tensor const& fin, Tensor const& weight, Tensor cons
 Status Conv2dFppConfig(Tensor& fout, Tensor const& fin, Tensor const& weight, Tensor const&, Tensor const&,
                        Tensor const&, int64_t, std::vector<int64_t> const& pad, std::vector<int64_t> const& stride,
                        std::vector<int64_t> const& dilation, int64_t, bool, bool, bool) {
-  return configure<TypeList<float, half, bfloat16, int8_t, int16_t, int32_t>>(
+  return configureConvOutput<TypeList<float, half, bfloat16, int8_t, int16_t, int32_t>>(
       "Conv2dFpp", fout, fin, weight, pad, stride, dilation, ElementType::f32,
       "fout must be f32, f16, bf16, si8, si16 or si32");
 }

@@ -1,7 +1,6 @@
 #include "kora/Vela/Conv2d.h"
 
 #include "Vela/ConvWindow.h"
-#include "kora/Support/Dispatch.h"
 #include "kora/Vela/Intrinsic.h"
 
 namespace kora::vela {
@@ -50,14 +49,8 @@ Status convOutputShape(const char* kernel, const Tensor& fin, const Tensor& weig
 Status Conv2dConfig(Tensor& fout, Tensor const& fin, Tensor const& weight, Tensor const&, Tensor const&, Tensor const&,
                     int64_t, std::vector<int64_t> const& pad, std::vector<int64_t> const& stride,
                     std::vector<int64_t> const& dilation, int64_t, int64_t, bool, bool, bool) {
-  constexpr const char* kernel = "Conv2d";
-  long shape[4];
-  KORA_RETURN_IF_ERROR(detail::convOutputShape(kernel, fin, weight, pad, stride, dilation, shape));
-  if (fout.elementType() == ElementType::invalid) fout.setElementType(ElementType::si8);
-  if (!typeIn<TypeList<int8_t, int16_t, int32_t>>(fout.elementType()))
-    return configError(kernel, "fout must be si8, si16 or si32");
-  fout.setShape(shape);
-  return Status::success();
+  return detail::configureConvOutput<TypeList<int8_t, int16_t, int32_t>>(
+      "Conv2d", fout, fin, weight, pad, stride, dilation, ElementType::si8, "fout must be si8, si16 or si32");
 }
 
 Status Conv2d(Tensor& fout, Tensor const& fin, Tensor const& weight, Tensor const& quantInfo, Tensor const& sumin,

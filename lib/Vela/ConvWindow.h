@@ -1,11 +1,12 @@
 #pragma once
-// The output shape of a whole convolution kernel's Config, shared by the
-// accelerator generations' registered convolutions.
+// The Config of a whole convolution kernel (output shape and element type),
+// shared by the accelerator generations' registered convolutions.
 #include <cstdint>
 #include <vector>
 
 #include "kora/Core/Tensor.h"
 #include "kora/Kernel/Status.h"
+#include "kora/Support/Dispatch.h"
 
 namespace kora::vela::detail {
 
@@ -20,5 +21,20 @@ namespace kora::vela::detail {
 /// padded input".
 Status convOutputShape(const char* kernel, const Tensor& fin, const Tensor& weight, std::vector<int64_t> const& pad,
                        std::vector<int64_t> const& stride, std::vector<int64_t> const& dilation, long (&shape)[4]);
+
+/// Sets fout's shape as convOutputShape derives it and its element type: the
+/// caller's when set and among `Allowed` (else `typeReason`), `fallback`
+/// when unset.
+template <class Allowed>
+Status configureConvOutput(const char* kernel, Tensor& fout, const Tensor& fin, const Tensor& weight,
+                           std::vector<int64_t> const& pad, std::vector<int64_t> const& stride,
+                           std::vector<int64_t> const& dilation, ElementType fallback, const char* typeReason) {
+  long shape[4];
+  KORA_RETURN_IF_ERROR(convOutputShape(kernel, fin, weight, pad, stride, dilation, shape));
+  if (fout.elementType() == ElementType::invalid) fout.setElementType(fallback);
+  if (!typeIn<Allowed>(fout.elementType())) return configError(kernel, typeReason);
+  fout.setShape(shape);
+  return Status::success();
+}
 
 }  // namespace kora::vela::detail

@@ -9,36 +9,34 @@ using namespace kora;
 
 namespace {
 
-// Sets (or with null, unsets) environment variables for one scope.
+// Sets (or with null, unsets) an environment variable for one scope.
 class ScopedEnv {
  public:
-  ScopedEnv(const char* name, const char* value) : name_(name) {
-    if (const char* old = std::getenv(name)) saved_ = old, hadValue_ = true;
+  ScopedEnv(const char* name, const char* value) : name_(name), had_(std::getenv(name) != nullptr) {
+    if (had_) saved_ = std::getenv(name);
     value ? setenv(name, value, 1) : unsetenv(name);
   }
-  ~ScopedEnv() { hadValue_ ? setenv(name_, saved_.c_str(), 1) : unsetenv(name_); }
+  ~ScopedEnv() { had_ ? setenv(name_, saved_.c_str(), 1) : unsetenv(name_); }
 
  private:
   const char* name_;
+  bool had_;
   std::string saved_;
-  bool hadValue_ = false;
 };
 
 }  // namespace
 
-TEST(Context, SinkReceivesEveryLevelUnchanged) {
-  test::LogCapture capture;
-  Context::get().log(static_cast<LogLevel>(7), "odd level");
-  Context::get().warn("careful");
-  Context::get().logf(LogLevel::critical, "{} + {}", 1, 2);
-  ASSERT_EQ(capture.messages.size(), 3u);
-  EXPECT_EQ(uint32_t(capture.messages[0].first), 7u);
-  EXPECT_EQ(capture.messages[0].second, "odd level");
-  EXPECT_EQ(capture.messages[1], std::make_pair(LogLevel::warn, std::string("careful")));
-  EXPECT_EQ(capture.messages[2], std::make_pair(LogLevel::critical, std::string("1 + 2")));
-}
-
-TEST(Context, WithoutSinkOnlyKnownLevelsReachTheConsole) {
+TEST(Context, SinkGetsEveryLevelUnchangedAndTheConsoleOnlyKnownOnes) {
+  {
+    test::LogCapture capture;
+    Context::get().log(static_cast<LogLevel>(7), "odd level");
+    Context::get().warn("careful");
+    Context::get().logf(LogLevel::critical, "{} + {}", 1, 2);
+    EXPECT_EQ(capture.messages, (std::vector<std::pair<LogLevel, std::string>>{
+                                    {static_cast<LogLevel>(7), "odd level"},
+                                    {LogLevel::warn, "careful"},
+                                    {LogLevel::critical, "1 + 2"}}));
+  }
   testing::internal::CaptureStdout();
   Context::get().log(static_cast<LogLevel>(7), "must not appear");
   Context::get().warn("console warning");
@@ -48,16 +46,13 @@ TEST(Context, WithoutSinkOnlyKnownLevelsReachTheConsole) {
   EXPECT_NE(out.find("console warning"), std::string::npos);
 }
 
-TEST(Context, TypeRegistry) {
-  Context context;  // a fresh registry
-  EXPECT_EQ(context.getTypeId("a"), 1000u);
-  EXPECT_EQ(context.getTypeId("b"), 1001u);
-  EXPECT_EQ(context.getTypeId("a"), 1000u);
-  EXPECT_STREQ(context.getTypeStr(1001), "b");
-  EXPECT_EQ(context.getTypeStr(5), nullptr);
-}
-
-TEST(Context, SwitchesAndFixedThreadCount) {
+TEST(Context, TypeRegistrySwitchesAndFixedThreadCount) {
+  Context fresh;
+  EXPECT_EQ(fresh.getTypeId("a"), 1000u);
+  EXPECT_EQ(fresh.getTypeId("b"), 1001u);
+  EXPECT_EQ(fresh.getTypeId("a"), 1000u);
+  EXPECT_STREQ(fresh.getTypeStr(1001), "b");
+  EXPECT_EQ(fresh.getTypeStr(5), nullptr);
   Context& context = Context::get();
   EXPECT_TRUE(context.getEnableVerify());
   context.setEnableVerify(false);
@@ -72,47 +67,30 @@ TEST(Context, SwitchesAndFixedThreadCount) {
 }
 
 TEST(Context, EnvironmentIsReadAtConstruction) {
-  struct Case {
-    const char* traceCoord;
-    std::vector<long> point;
+  // What constructing a Context does with KORA_TRACE_COORD set to `value`:
+  // malformed coordinates throw as std::stoi does, out-of-range ones too.
+  auto traceCoord = [](const char* value) -> std::string {
+    ScopedEnv env("KORA_TRACE_COORD", value);
+    try {
+      return fmt::format("{}", Coord(Context().getTracePoint()));
+    } catch (const std::invalid_argument& e) {
+      return std::string("invalid_argument ") + e.what();
+    } catch (const std::out_of_range& e) {
+      return std::string("out_of_range ") + e.what();
+    }
   };
-  const Case cases[] = {
-      {nullptr, {}},       {"1,0,3,5", {1, 0, 3, 5}}, {"2", {2}},          {" 7,-3", {7, -3}},
-      {"4abc,+2", {4, 2}}, {"2147483647", {2147483647}}, {"-2147483648", {-2147483648}},
+  const std::pair<const char*, std::string> cases[] = {
+      {nullptr, "[]"}, {"1,0,3,5", "[1, 0, 3, 5]"}, {" 7,-3", "[7, -3]"}, {"4abc,+2", "[4, 2]"},
+      {"2147483647", "[2147483647]"}, {"-2147483648", "[-2147483648]"},
+      {"0,x", "invalid_argument stoi"}, {"1,,2", "invalid_argument stoi"}, {"1,", "invalid_argument stoi"},
+      {"", "invalid_argument stoi"}, {",1", "invalid_argument stoi"}, {"x", "invalid_argument stoi"},
+      {"99999999999", "out_of_range stoi"}, {"1,2147483648", "out_of_range stoi"}, {"-2147483649", "out_of_range stoi"},
   };
-  for (const Case& c : cases) {
-    ScopedEnv env("KORA_TRACE_COORD", c.traceCoord);
-    EXPECT_EQ(Context().getTracePoint().vec(), c.point) << (c.traceCoord ? c.traceCoord : "unset");
-  }
+  for (const auto& [value, expected] : cases) EXPECT_EQ(traceCoord(value), expected) << (value ? value : "unset");
   ScopedEnv threads("KORA_THREAD_NUM", "8");
   EXPECT_EQ(Context().getNumThreads(), 1);
-  {
-    ScopedEnv verbose("KORA_DISPATCHER_VERBOSE", "0");
-    EXPECT_TRUE(Context().getVerbose());
-  }
-  {
-    ScopedEnv verbose("KORA_DISPATCHER_VERBOSE", nullptr);
-    EXPECT_FALSE(Context().getVerbose());
-  }
-}
-
-TEST(Context, MalformedTracePointThrowsLikeStoi) {
-  for (const char* bad : {"0,x", "1,,2", "1,", "", ",1", "x"}) {
-    ScopedEnv env("KORA_TRACE_COORD", bad);
-    try {
-      Context context;
-      ADD_FAILURE() << "no throw for \"" << bad << "\"";
-    } catch (const std::invalid_argument& e) {
-      EXPECT_STREQ(e.what(), "stoi") << bad;
-    }
-  }
-  for (const char* big : {"99999999999", "1,2147483648", "-2147483649"}) {
-    ScopedEnv env("KORA_TRACE_COORD", big);
-    try {
-      Context context;
-      ADD_FAILURE() << "no throw for \"" << big << "\"";
-    } catch (const std::out_of_range& e) {
-      EXPECT_STREQ(e.what(), "stoi") << big;
-    }
+  for (const char* verbose : {"0", "1", static_cast<const char*>(nullptr)}) {
+    ScopedEnv env("KORA_DISPATCHER_VERBOSE", verbose);
+    EXPECT_EQ(Context().getVerbose(), verbose != nullptr) << "any value, even 0, turns verbose on";
   }
 }

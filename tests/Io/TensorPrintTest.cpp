@@ -9,11 +9,7 @@ using namespace kora;
 using test::tensorOf;
 
 TEST(TensorPrint, ValuesInTheFewestDigitsOfTheirOwnType) {
-  struct Case {
-    double value;
-    ElementType type;
-    const char* text;
-  };
+  struct Case { double value; ElementType type; const char* text; };
   const Case cases[] = {
       {double(float(0.1f)), ElementType::f32, "0.1"},
       {0.1, ElementType::f64, "0.1"},
@@ -37,11 +33,7 @@ TEST(TensorPrint, ValuesInTheFewestDigitsOfTheirOwnType) {
 }
 
 TEST(TensorPrint, NumpyLayout) {
-  struct Case {
-    const char* what;
-    Tensor tensor;
-    const char* text;
-  };
+  struct Case { const char* what; Tensor tensor; const char* text; };
   const Tensor base = tensorOf<float>(ElementType::f32, {2, 3}, {-1.5f, 0.f, 2.25f, 3.f, -0.5f, -7.f});
   const Case cases[] = {
       {"decimal points line up", base, "[[-1.5   0.    2.25]\n [ 3.   -0.5  -7.  ]]"},

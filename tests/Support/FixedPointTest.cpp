@@ -16,44 +16,43 @@ namespace {
 int64_t floorDiv(int64_t a, int64_t b) { return a / b - ((a % b != 0) && ((a < 0) != (b < 0))); }
 }  // namespace
 
-TEST(FixedPoint, WrappingMatchesModularArithmetic) {
+TEST(FixedPoint, WrappingShiftsAndRoundingAgainstWideArithmetic) {
   EXPECT_EQ(wrapAdd32(INT32_MAX, 1), INT32_MIN);
   EXPECT_EQ(wrapSub<int8_t>(-128, 1), 127);
-  EXPECT_EQ(wrapMul<int16_t>(300, 300), int16_t(90000 - 65536 * 1));
+  EXPECT_EQ(wrapMul<int16_t>(300, 300), int16_t(90000 - 65536));
   EXPECT_EQ(wrapMul<int8_t>(-128, -1), -128);
+  EXPECT_EQ(shiftLeftWrap<int32_t>(-1, 31), INT32_MIN);
+  EXPECT_EQ(shiftLeftWrap<int8_t>(0x41, 1), int8_t(0x82));
+  struct Case { int64_t value; int n; int64_t floored, rounded; };
+  const Case cases[] = {{3, 1, 1, 2},     {-3, 1, -2, -1}, {5, 2, 1, 1},     {6, 2, 1, 2},
+                        {-6, 2, -2, -1},  {-7, 2, -2, -2}, {7, 0, 7, 7},     {-1, 63, -1, 0},
+                        {INT64_MIN, 63, -1, -1}, {1280, 8, 5, 5}, {5, -8, 1280, 1280}, {-5, -8, -1280, -1280},
+                        {int64_t(1) << 62, -1, INT64_MIN, INT64_MIN}};  // bits leave the top as in a hardware shifter
+  for (const Case& c : cases) {
+    EXPECT_EQ(shiftRightOrLeft(c.value, c.n), c.floored) << c.value << " by " << c.n;
+    if (c.n < 0) continue;
+    EXPECT_EQ(shiftRightArithmetic(c.value, unsigned(c.n)), c.floored) << c.value << " >> " << c.n;
+    EXPECT_EQ(roundingShiftRight(c.value, unsigned(c.n)), c.rounded) << c.value << " >>~ " << c.n;
+  }
   std::mt19937_64 rng(3);
   for (int i = 0; i < 100000; ++i) {
     const int32_t a = int32_t(rng()), b = int32_t(rng());
-    const int64_t sum = int64_t(a) + b, product = int64_t(a) * b;
-    ASSERT_EQ(wrapAdd32(a, b), int32_t(uint32_t(uint64_t(sum))));
-    ASSERT_EQ(wrapMul(a, b), int32_t(uint32_t(uint64_t(product))));
-  }
-}
-
-TEST(FixedPoint, ShiftsFloorAndRoundHalfUp) {
-  struct Case {
-    int64_t value;
-    unsigned n;
-    int64_t floored, rounded;
-  };
-  const Case cases[] = {{3, 1, 1, 2},   {-3, 1, -2, -1}, {5, 2, 1, 1},  {6, 2, 1, 2}, {-6, 2, -2, -1},
-                        {-7, 2, -2, -2}, {7, 0, 7, 7},   {-1, 63, -1, 0}, {INT64_MIN, 63, -1, -1}};
-  for (const Case& c : cases) {
-    EXPECT_EQ(shiftRightArithmetic(c.value, c.n), c.floored) << c.value << " >> " << c.n;
-    EXPECT_EQ(roundingShiftRight(c.value, c.n), c.rounded) << c.value << " >>~ " << c.n;
-  }
-  std::mt19937_64 rng(5);
-  for (int i = 0; i < 100000; ++i) {
+    ASSERT_EQ(wrapAdd32(a, b), int32_t(uint32_t(uint64_t(int64_t(a) + b))));
+    ASSERT_EQ(wrapMul(a, b), int32_t(uint32_t(uint64_t(int64_t(a) * b))));
     const int64_t v = int64_t(rng()) >> 20;
     const unsigned n = unsigned(rng() % 30) + 1;
     ASSERT_EQ(shiftRightArithmetic(v, n), floorDiv(v, int64_t(1) << n));
     ASSERT_EQ(roundingShiftRight(v, n), floorDiv(v + (int64_t(1) << (n - 1)), int64_t(1) << n));
+    const int64_t w = int64_t(rng()) >> 24;
+    const int m = int(rng() % 41) - 20;
+    ASSERT_EQ(shiftRightOrLeft(w, m), m >= 0 ? floorDiv(w, int64_t(1) << m) : w * (int64_t(1) << -m)) << w << " by " << m;
   }
-  EXPECT_EQ(shiftLeftWrap<int32_t>(-1, 31), INT32_MIN);
-  EXPECT_EQ(shiftLeftWrap<int8_t>(0x41, 1), int8_t(0x82));
+  EXPECT_EQ(shiftRightLogical32(0x80000000u, 31), 1u);
+  EXPECT_EQ(shiftRightLogical32(0x80000000u, 32), 0x80000000u) << "the amount is taken modulo 32";
+  EXPECT_EQ(shiftRightLogical32(0xffffffffu, 36), 0x0fffffffu);
 }
 
-TEST(FixedPoint, SaturationAtEveryBound) {
+TEST(FixedPoint, SaturationBitFieldsAndRegisterWidths) {
   EXPECT_EQ(saturate<int8_t>(int64_t(200)), 127);
   EXPECT_EQ(saturate<int8_t>(int64_t(-200)), -128);
   EXPECT_EQ(saturate<int16_t>(int64_t(-32768)), -32768);
@@ -62,9 +61,6 @@ TEST(FixedPoint, SaturationAtEveryBound) {
   EXPECT_EQ(saturate<int32_t>(uint64_t(1) << 40), INT32_MAX);
   EXPECT_EQ(saturate<int64_t>(int32_t(-5)), -5);
   EXPECT_EQ(clamp64(40000, -32768, 32767), 32767);
-}
-
-TEST(FixedPoint, BitFields) {
   EXPECT_EQ(bitMask(46, 32), 0x7fffull << 32);
   EXPECT_EQ(bitMask(63, 0), ~uint64_t(0));
   uint64_t word = insertBits(0, 46, 32, 0x1ffff);  // masked to 15 bits
@@ -72,29 +68,24 @@ TEST(FixedPoint, BitFields) {
   word = insertBits(word, 31, 0, uint64_t(int64_t(-2)));
   EXPECT_EQ(extractBits(word, 31, 0), 0xfffffffeull);
   EXPECT_EQ(extractBits(word, 46, 32), 0x7fffu);
-  EXPECT_EQ(signExtend(63, 6), -1);
-  EXPECT_EQ(signExtend(47, 6), -17);
-  EXPECT_EQ(signExtend(22, 6), 22);
-  EXPECT_EQ(signExtend(0x8000, 16), -32768);
-  EXPECT_EQ(signExtend(0x10000, 17), -65536);
-}
-
-TEST(FixedPoint, DivisionByZeroGivesZero) {
+  const std::pair<uint64_t, unsigned> fields[] = {{63, 6}, {47, 6}, {22, 6}, {0x8000, 16}, {0x10000, 17}};
+  const int64_t extended[] = {-1, -17, 22, -32768, -65536};
+  for (size_t i = 0; i < std::size(fields); ++i) EXPECT_EQ(signExtend(fields[i].first, fields[i].second), extended[i]);
   EXPECT_EQ(divideOrZero<uint32_t>(7, 0), 0u);
   EXPECT_EQ(divideOrZero<uint32_t>(0xffffffffu, 1), 0xffffffffu);
-  EXPECT_EQ(divideOrZero<uint32_t>(48, 8), 6u);
   EXPECT_EQ(divideOrZero<uint32_t>(112, 12), 9u);
   EXPECT_EQ(divideOrZero<uint64_t>(uint64_t(1) << 40, 3), (uint64_t(1) << 40) / 3);
+  EXPECT_EQ(truncateToInt32(int64_t(1) << 32), 0);
+  EXPECT_EQ(truncateToInt32((int64_t(1) << 32) - 1), -1);
+  EXPECT_EQ(truncateToInt32(int64_t(INT32_MAX) + 1), INT32_MIN);
+  EXPECT_EQ(truncateToInt32(-5), -5);
 }
 
 TEST(FixedPoint, RoundHalfAwayThenSaturate) {
-  struct Case {
-    double x;
-    int32_t rounded;
-  };
-  const Case cases[] = {{2.5, 3},        {-2.5, -3},        {1.4999999999999998, 1}, {-0.5, -1},
-                        {0.49999999999999994, 0}, {-0.0, 0}, {2147483647.4, INT32_MAX}, {1e300, INT32_MAX},
-                        {-2147483648.6, INT32_MIN}, {-INFINITY, INT32_MIN}, {3.0, 3}};
+  struct Case { double x; int32_t rounded; };
+  const Case cases[] = {{2.5, 3},  {-2.5, -3}, {1.4999999999999998, 1}, {-0.5, -1}, {0.49999999999999994, 0},
+                        {-0.0, 0}, {3.0, 3},   {2147483647.4, INT32_MAX}, {1e300, INT32_MAX},
+                        {-2147483648.6, INT32_MIN}, {-INFINITY, INT32_MIN}};
   for (const Case& c : cases) EXPECT_EQ(roundHalfAwaySaturate<int32_t>(c.x), c.rounded) << c.x;
   EXPECT_EQ(roundHalfAwaySaturate<int8_t>(-127.5), -128);
   EXPECT_EQ(roundHalfAwaySaturate<int8_t>(127.4), 127);
@@ -107,54 +98,19 @@ TEST(FixedPoint, RoundHalfAwayThenSaturate) {
   }
 }
 
-TEST(FixedPoint, DirectionalShiftsAndRegisterWidths) {
-  struct Case {
-    int64_t value;
-    int n;
-    int64_t expected;
-  };
-  const Case cases[] = {{-3, 1, -2}, {1280, 8, 5}, {-1, 8, -1}, {5, -8, 1280}, {-5, -8, -1280}, {7, 0, 7},
-                        {int64_t(1) << 62, -1, INT64_MIN}};  // bits leave the top as in a hardware shifter
-  for (const Case& c : cases) EXPECT_EQ(shiftRightOrLeft(c.value, c.n), c.expected) << c.value << " by " << c.n;
-  std::mt19937_64 rng(11);
-  for (int i = 0; i < 100000; ++i) {
-    const int64_t v = int64_t(rng()) >> 24;
-    const int n = int(rng() % 41) - 20;
-    const int64_t expected = n >= 0 ? floorDiv(v, int64_t(1) << n) : v * (int64_t(1) << -n);
-    ASSERT_EQ(shiftRightOrLeft(v, n), expected) << v << " by " << n;
-  }
-  EXPECT_EQ(shiftRightLogical32(0x80000000u, 31), 1u);
-  EXPECT_EQ(shiftRightLogical32(0x80000000u, 32), 0x80000000u) << "the amount is taken modulo 32";
-  EXPECT_EQ(shiftRightLogical32(0xffffffffu, 36), 0x0fffffffu);
-  EXPECT_EQ(truncateToInt32(int64_t(1) << 32), 0);
-  EXPECT_EQ(truncateToInt32((int64_t(1) << 32) - 1), -1);
-  EXPECT_EQ(truncateToInt32(int64_t(INT32_MAX) + 1), INT32_MIN);
-  EXPECT_EQ(truncateToInt32(-5), -5);
-}
 TEST(FixedPoint, TruncatingDivisionNeverTraps) {
-  struct Case {
-    int64_t a, b, quotient, remainder;
-  };
-  const Case cases[] = {{7, 2, 3, 1},   {-7, 2, -3, -1}, {7, -2, -3, 1}, {-7, -2, 3, -1}, {5, 0, 0, 5},
-                        {-5, 0, 0, -5}, {0, 0, 0, 0},    {-6, 3, -2, 0}, {1, 5, 0, 1}};
-  for (const Case& c : cases) {
-    EXPECT_EQ(divideTowardZero(c.a, c.b), c.quotient) << c.a << " / " << c.b;
-    EXPECT_EQ(remainderTowardZero(c.a, c.b), c.remainder) << c.a << " % " << c.b;
-    EXPECT_EQ(divideTowardZero<int8_t>(int8_t(c.a), int8_t(c.b)), c.quotient);
-  }
-  // The most negative value over -1 wraps to itself, with remainder 0.
-  EXPECT_EQ(divideTowardZero<int8_t>(-128, -1), -128);
-  EXPECT_EQ(remainderTowardZero<int8_t>(-128, -1), 0);
   EXPECT_EQ(divideTowardZero<int64_t>(INT64_MIN, -1), INT64_MIN);
   EXPECT_EQ(remainderTowardZero<int64_t>(INT64_MIN, -1), 0);
+  EXPECT_EQ(divideTowardZero<int64_t>(-7, 0), 0);
+  EXPECT_EQ(remainderTowardZero<int64_t>(-7, 0), -7);
   EXPECT_EQ(divideTowardZero<uint32_t>(UINT32_MAX, 0), 0u);
   EXPECT_EQ(remainderTowardZero<uint32_t>(UINT32_MAX, 0), UINT32_MAX);
-  // Every si8 pair against an int64 computation.
+  // Every si8 pair against an int64 computation: a zero divisor gives 0 (and
+  // the dividend as remainder), -128 / -1 wraps to itself with remainder 0.
   for (int a = -128; a < 128; ++a) {
     for (int b = -128; b < 128; ++b) {
       const int64_t q = b == 0 ? 0 : int64_t(a) / b;
-      const int8_t wrappedQ = int8_t(uint8_t(uint64_t(q)));
-      ASSERT_EQ(divideTowardZero<int8_t>(int8_t(a), int8_t(b)), wrappedQ) << a << " / " << b;
+      ASSERT_EQ(divideTowardZero<int8_t>(int8_t(a), int8_t(b)), int8_t(uint8_t(uint64_t(q)))) << a << " / " << b;
       ASSERT_EQ(remainderTowardZero<int8_t>(int8_t(a), int8_t(b)), int8_t(uint8_t(uint64_t(a - q * b))))
           << a << " % " << b;
     }
@@ -175,66 +131,44 @@ std::vector<float> sweepValues() {
       for (int i = 0; i < 1200; ++i, v = std::nextafter(v, INFINITY)) values.push_back(v);
     }
   for (int k = -300; k <= 300; ++k) values.push_back(float(k) + 0.5f);
+  values.insert(values.end(), {INFINITY, -INFINITY, NAN});
   return values;
 }
 
 }  // namespace
 
 TEST(FixedPoint, FloatRoundingMatchesTheLibm) {
-  // libm's nearbyint in round-to-nearest mode and floor are the reference.
-  for (float v : sweepValues()) {
-    const float even = roundHalfToEven(v), down = floorIntegral(v);
+  // libm's nearbyint in round-to-nearest mode and floor are the reference;
+  // the clamped forms equal rounding, then NaN to 0 and saturation in
+  // int64, then the clamp.
+  const std::pair<int64_t, int64_t> ranges[] = {{-128, 127}, {-127, 127}, {0, 255}, {1, 255},
+                                                {-32768, 32767}, {-32767, 32767}, {1, 65535}};
+  auto reference = [](double rounded, int64_t lo, int64_t hi) {
+    const int64_t q = std::isnan(rounded) ? 0 : rounded >= 0x1p63 ? INT64_MAX : rounded < -0x1p63 ? INT64_MIN : int64_t(rounded);
+    return std::clamp(q, lo, hi);
+  };
+  const std::vector<float> values = sweepValues();
+  for (size_t i = 0; i < values.size(); ++i) {
+    const float v = values[i], even = roundHalfToEven(v), down = floorIntegral(v);
     if (std::isnan(v)) {
       ASSERT_TRUE(std::isnan(even) && std::isnan(down)) << v;
-      continue;
+    } else {
+      ASSERT_EQ(std::bit_cast<uint32_t>(even), std::bit_cast<uint32_t>(std::nearbyint(v))) << v;
+      ASSERT_EQ(std::bit_cast<uint32_t>(down), std::bit_cast<uint32_t>(std::floor(v))) << v;
     }
-    ASSERT_EQ(std::bit_cast<uint32_t>(even), std::bit_cast<uint32_t>(std::nearbyint(v))) << v;
-    ASSERT_EQ(std::bit_cast<uint32_t>(down), std::bit_cast<uint32_t>(std::floor(v))) << v;
-  }
-  EXPECT_EQ(roundHalfToEven(2.5f), 2.0f);
-  EXPECT_EQ(roundHalfToEven(-2.5f), -2.0f);
-  EXPECT_EQ(roundHalfToEven(3.5f), 4.0f);
-  EXPECT_EQ(floorIntegral(-0.5f), -1.0f);
-  EXPECT_EQ(floorIntegral(8388607.5f), 8388607.0f);
-}
-
-TEST(FixedPoint, SaturatingFloatToInt64) {
-  const float belowTwo63 = std::bit_cast<float>(0x5effffffu);  // 2^63 - 2^39
-  struct Case {
-    float value;
-    int64_t expected;
-  };
-  const Case cases[] = {{NAN, 0},
-                        {-NAN, 0},
-                        {INFINITY, INT64_MAX},
-                        {-INFINITY, INT64_MIN},
-                        {0x1p63f, INT64_MAX},
-                        {-0x1p63f, INT64_MIN},
-                        {-0x1p64f, INT64_MIN},
-                        {belowTwo63, int64_t(9223371487098961920)},
-                        {-belowTwo63, -int64_t(9223371487098961920)},
-                        {-0.0f, 0},
-                        {-2.75f, -2},
-                        {16777217.0f, 16777216}};
-  for (const Case& c : cases) EXPECT_EQ(saturatingFloatToInt64(c.value), c.expected) << c.value;
-}
-
-TEST(FixedPoint, ClampedRoundingEqualsRoundThenSaturateThenClamp) {
-  const std::pair<int64_t, int64_t> ranges[] = {{-128, 127}, {-127, 127}, {0, 255},       {1, 255},
-                                                {-32768, 32767}, {-32767, 32767}, {1, 65535}};
-  std::vector<float> values = sweepValues();
-  for (size_t i = 0; i < values.size(); i += 3) {
-    const float v = values[i];
-    // The reference: libm rounding, then NaN to 0 and saturation in int64, then the clamp.
-    auto reference = [](double rounded, int64_t lo, int64_t hi) {
-      const int64_t q = std::isnan(rounded) ? 0 : rounded >= 0x1p63 ? INT64_MAX : rounded < -0x1p63 ? INT64_MIN : int64_t(rounded);
-      return std::clamp(q, lo, hi);
-    };
+    if (i % 3) continue;
     for (auto [lo, hi] : ranges) {
       ASSERT_EQ(roundHalfToEvenClamped(v, float(lo), float(hi)), reference(std::nearbyint(v), lo, hi)) << v;
       ASSERT_EQ(floorClamped(v, float(lo), float(hi)), reference(std::floor(v), lo, hi)) << v;
     }
   }
-  EXPECT_EQ(roundHalfToEvenClamped(NAN, 1.0f, 255.0f), 1) << "NaN is 0 before the clamp";
-  EXPECT_EQ(floorClamped(-INFINITY, -127.0f, 127.0f), -127);
+}
+
+TEST(FixedPoint, SaturatingFloatToInt64) {
+  const float belowTwo63 = std::bit_cast<float>(0x5effffffu);  // 2^63 - 2^39
+  struct Case { float value; int64_t expected; };
+  const Case cases[] = {{NAN, 0}, {-NAN, 0}, {INFINITY, INT64_MAX}, {-INFINITY, INT64_MIN}, {0x1p63f, INT64_MAX},
+                        {-0x1p63f, INT64_MIN}, {-0x1p64f, INT64_MIN}, {belowTwo63, int64_t(9223371487098961920)},
+                        {-belowTwo63, -int64_t(9223371487098961920)}, {-0.0f, 0}, {-2.75f, -2}, {16777217.0f, 16777216}};
+  for (const Case& c : cases) EXPECT_EQ(saturatingFloatToInt64(c.value), c.expected) << c.value;
 }

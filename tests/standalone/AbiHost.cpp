@@ -52,20 +52,19 @@ int main(int argc, char** argv) {
   auto* registry = static_cast<RawRegistry*>(libraryMain(&p0, &p1));
   if (p0 != 1 || p1 != 0) return fail("UDE_LIBRARY_MAIN must write 1 and 0");
   p0 = p1 = 7;
-  if (libraryMain(&p0, &p1) != registry || p0 != 1 || p1 != 0) return fail("second UDE_LIBRARY_MAIN call");
-  if (handle() != registry) return fail("getTabbyCHandle returns another object");
+  if (libraryMain(&p0, &p1) != registry || p0 != 1 || p1 != 0 || handle() != registry)
+    return fail("a second UDE_LIBRARY_MAIN call or getTabbyCHandle returns another object, or 1 and 0 are not written");
 
   const RawEntry* relu = nullptr;
   for (RawEntry** it = registry->begin; it != registry->end; ++it)
     if (std::strcmp((*it)->name, "native::ReLU") == 0) relu = *it;
   if (!relu) return fail("native::ReLU not in the table");
-  if (relu->numOutputs != 1 || relu->numInputs != 1) return fail("ReLU counts");
-  if (relu->outputKinds[0] != 0x1000400 || relu->inputKinds[0] != 0x1000400) return fail("ReLU kinds");
-  if (relu->outputKinds[1] != 0 || relu->inputKinds[1] != 0) return fail("unused kind slots must be 0");
-  if (!relu->impl || !relu->config) return fail("ReLU functions");
-  if (relu->reserved != 0) return fail("reserved word");
-  if (std::memcmp(relu->libraryInfo, registry->libraryInfo, sizeof registry->libraryInfo) != 0)
-    return fail("libraryInfo copied from the registry");
+  if (relu->numOutputs != 1 || relu->numInputs != 1 || !relu->impl || !relu->config || relu->reserved != 0)
+    return fail("ReLU counts, functions or reserved word");
+  // One Tensor in, one out; unused kind slots are 0; libraryInfo is the registry's.
+  if (relu->outputKinds[0] != 0x1000400 || relu->inputKinds[0] != 0x1000400 || relu->outputKinds[1] != 0 ||
+      relu->inputKinds[1] != 0 || std::memcmp(relu->libraryInfo, registry->libraryInfo, sizeof registry->libraryInfo) != 0)
+    return fail("ReLU kinds or libraryInfo");
   std::printf("ok: %ld kernels, native::ReLU 1 -> 1 Tensor\n", long(registry->end - registry->begin));
   return 0;
 }

@@ -2,14 +2,13 @@
 // quantized convolution. The integer search adjusts what the second
 // generation's fields cannot express and says so; the float one rounds each
 // value to fp24.
+#include <algorithm>
 #include <cmath>
-#include <limits>
 
 #include "Lyra/Intrinsic/QuantInfo.h"
 #include "Vela/Intrinsic/QuantScales.h"
 #include "kora/Core/Context.h"
 #include "kora/Lyra/Intrinsic.h"
-#include "kora/Support/Dispatch.h"
 #include "kora/Support/SoftFloat.h"
 
 namespace kora::lyra::intrinsic {
@@ -18,10 +17,11 @@ namespace {
 
 using namespace detail;
 using vela::intrinsic::detail::biasOf;
-using vela::intrinsic::detail::checkInputZeroPoint;
-using vela::intrinsic::detail::checkScales;
-using vela::intrinsic::detail::nearlyEqual;
+using vela::intrinsic::detail::checkGeneratorOperands;
+using vela::intrinsic::detail::checkScalesAndZeroPoint;
 using vela::intrinsic::detail::PerChannel;
+using vela::intrinsic::detail::QuantSearch;
+using vela::intrinsic::detail::storeRows;
 using vela::intrinsic::detail::weightSum;
 
 constexpr double kScaleMax = 32767;  // the 15-bit scale fields
@@ -41,7 +41,7 @@ int64_t scaleAt(double ratio, int shift) { return int64_t(std::min(std::round(st
 
 /// preRShift, scale and postRShift for an 8-bit or 16-bit output with
 /// multiplier m.
-void searchOutputShifts(double m, int64_t foutBits, int64_t* row) {
+Status searchOutputShifts(double m, int64_t foutBits, int64_t* row) {
   int total = preciseShift(m);
   if (total < 0) {
     Context::get().logf(LogLevel::warn, "conv post process does not support left shift: {}, adjust to 0", total);
@@ -57,11 +57,12 @@ void searchOutputShifts(double m, int64_t foutBits, int64_t* row) {
   row[kPreRShift] = pre;
   row[kPostRShift] = total - pre;
   row[kScale] = scaleAt(m, total);
+  return Status::success();
 }
 
 /// suminScale and suminRShift for an 8-bit or 16-bit sumin with rescale
 /// ratio r.
-void searchSuminShift(double r, int64_t* row) {
+Status searchSuminShift(double r, int64_t* row) {
   int shift = preciseShift(r);
   if (shift > kSuminRShiftMax) {
     Context::get().logf(LogLevel::warn, "suminRShift cannot greater than 22: {}, adjust to 22", shift);
@@ -72,27 +73,11 @@ void searchSuminShift(double r, int64_t* row) {
   }
   row[kSuminRShift] = shift;
   row[kSuminScale] = scaleAt(r, shift);
+  return Status::success();
 }
 
-/// The checks of the scales and zero points both generators share.
-Status checkScalesAndZeroPoint(const Tensor& weight, long K, ArrayRef<double> finScale, int64_t finZeroPoint,
-                               ArrayRef<double> weightScale, ArrayRef<double> suminScale, ArrayRef<double> foutScale) {
-  KORA_RETURN_IF_ERROR(checkScales("fin", finScale, K, false));
-  KORA_RETURN_IF_ERROR(checkScales("weight", weightScale, K, true));
-  if (!suminScale.empty()) KORA_RETURN_IF_ERROR(checkScales("sumin", suminScale, K, true));
-  KORA_RETURN_IF_ERROR(checkScales("fout", foutScale, K, true));
-  return checkInputZeroPoint(weight, finZeroPoint, K);
-}
-
-/// Writes rows [K, width] into a compact-or-strided rank-2 tensor.
-template <class T>
-void storeRows(Tensor& quantInfo, const std::vector<T>& rows, long width) {
-  for (long k = 0; k < quantInfo.dim(0); ++k)
-    for (long j = 0; j < width; ++j) {
-      const long at[] = {k, j};
-      quantInfo.at<T>(at) = rows[size_t(k * width + j)];
-    }
-}
+constexpr QuantSearch kSearch{true, "sumin must be 8bit 16bit or 32bit", "fout must be 8bit 16bit or 32bit",
+                              &searchOutputShifts, &searchSuminShift};
 
 }  // namespace
 
@@ -100,82 +85,18 @@ Status GenQuantInfo(Tensor& quantInfo, Tensor const& weight, Tensor const& bias,
                     int64_t finZeroPoint, ArrayRef<double> weightScale, ArrayRef<double> suminScale,
                     int64_t suminZeroPoint, int64_t suminBits, ArrayRef<double> foutScale, int64_t foutZeroPoint,
                     int64_t foutBits) {
-  const bool hasBias = bias.isValid(), hasSumin = !suminScale.empty();
-  auto wide = [](int64_t bits) { return bits == 8 || bits == 16 || bits == 32; };
-  if (quantInfo.rank() != 2) return Status::failure("quantInfo must be rank of 2");
-  if (hasBias && bias.rank() != 1) return Status::failure("bias must be rank of 1");
-  if (quantInfo.dim(1) != kDecodedWidth) return Status::failure("quantInfo axis 1 size must be 6");
-  if (hasSumin && !wide(suminBits)) return Status::failure("sumin must be 8bit 16bit or 32bit");
-  if (!wide(foutBits)) return Status::failure("fout must be 8bit 16bit or 32bit");
-  const long K = quantInfo.dim(0);
-  if (hasBias && bias.dim(0) != K) return Status::failure("quantInfo and bias axis 0 size must be identical");
-  if (quantInfo.elementType() != ElementType::si64 || !quantInfo.isValid())
-    return Status::failure("decoded quantInfo must be si64");
-  if (hasBias && !typeIn<TypeList<float, double, int32_t>>(bias.elementType()))
-    return Status::failure("bias must be f32, f64 or si32");
-  KORA_RETURN_IF_ERROR(
-      checkScalesAndZeroPoint(weight, K, finScale, finZeroPoint, weightScale, suminScale, foutScale));
-
-  // Every row is derived before any is written.
-  std::vector<int64_t> rows(size_t(K * kDecodedWidth), 0);
-  for (long k = 0; k < K; ++k) {
-    int64_t* row = rows.data() + k * kDecodedWidth;
-    const double accumulatorScale = finScale[0] * PerChannel{weightScale}[k];
-    const double m = accumulatorScale / PerChannel{foutScale}[k];
-    if (foutBits == 32) {
-      if (!nearlyEqual(m, 1.0)) return Status::failure("si32 conv does not support rescale, check fout scale");
-      row[kScale] = 1;
-    } else {
-      searchOutputShifts(m, foutBits, row);
-    }
-    // Folded into the bias, in accumulator units.
-    double offset = biasOf(bias, k, accumulatorScale);
-    if (finZeroPoint != 0) offset -= double(finZeroPoint) * double(weightSum(weight, k));
-    if (hasSumin) {
-      const double r = PerChannel{suminScale}[k] / accumulatorScale;
-      double effective;  // the rescale the hardware applies
-      if (suminBits == 32) {
-        if (nearlyEqual(r, 1.0))
-          row[kSuminRShift] = 0;
-        else if (nearlyEqual(r, 1.0 / 256))
-          row[kSuminRShift] = 8;
-        else if (nearlyEqual(r, 256.0))
-          row[kSuminRShift] = -8;
-        else
-          return Status::failure("si32 sumin does not support rescale, check sumin scale");
-        effective = std::ldexp(1.0, -int(row[kSuminRShift]));
-      } else {
-        searchSuminShift(r, row);
-        effective = double(row[kSuminScale]) * std::ldexp(1.0, -int(row[kSuminRShift]));
-      }
-      offset -= double(suminZeroPoint) * effective;
-    }
-    if (row[kScale] != 0)
-      offset += double(foutZeroPoint) * std::ldexp(1.0, int(row[kPreRShift] + row[kPostRShift])) / double(row[kScale]);
-    const double rounded = std::round(offset);
-    if (!(rounded >= double(std::numeric_limits<int32_t>::min()) &&
-          rounded <= double(std::numeric_limits<int32_t>::max())))
-      return failure("can not get bias in range of int32 on channel {}", k);
-    row[kBias] = int64_t(rounded);
-  }
-  storeRows(quantInfo, rows, kDecodedWidth);
-  return Status::success();
+  return vela::intrinsic::detail::generateQuantInfo(quantInfo, weight, bias, finScale, finZeroPoint, weightScale,
+                                                    suminScale, suminZeroPoint, suminBits, foutScale, foutZeroPoint,
+                                                    foutBits, kSearch);
 }
 
 Status GenFloatQuantInfo(Tensor& quantInfo, Tensor const& weight, Tensor const& bias, ArrayRef<double> finScale,
                          int64_t finZeroPoint, ArrayRef<double> weightScale, ArrayRef<double> suminScale,
                          ArrayRef<double> foutScale, int64_t foutZeroPoint) {
   constexpr long kWidth = 3;
-  const bool hasBias = bias.isValid();
-  if (quantInfo.rank() != 2) return Status::failure("quantInfo must be rank of 2");
-  if (hasBias && bias.rank() != 1) return Status::failure("bias must be rank of 1");
-  if (quantInfo.dim(1) != kWidth) return Status::failure("quantInfo axis 1 size must be 3");
+  KORA_RETURN_IF_ERROR(checkGeneratorOperands(quantInfo, bias, kWidth, Status::success(), ElementType::f32,
+                                              "float quantInfo must be f32"));
   const long K = quantInfo.dim(0);
-  if (hasBias && bias.dim(0) != K) return Status::failure("quantInfo and bias axis 0 size must be identical");
-  if (quantInfo.elementType() != ElementType::f32 || !quantInfo.isValid())
-    return Status::failure("float quantInfo must be f32");
-  if (hasBias && !typeIn<TypeList<float, double, int32_t>>(bias.elementType()))
-    return Status::failure("bias must be f32, f64 or si32");
   KORA_RETURN_IF_ERROR(
       checkScalesAndZeroPoint(weight, K, finScale, finZeroPoint, weightScale, suminScale, foutScale));
 

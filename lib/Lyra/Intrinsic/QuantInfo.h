@@ -1,8 +1,8 @@
 #pragma once
-// The second generation's per-channel quant info: its wider fields, one
-// channel's encoding and decoding (each step traceable), and the registers
-// the post-process unit runs on. The decoded row's layout and its printed
-// form are the first generation's.
+// The second generation's per-channel quant info: its wider fields and one
+// channel's encoding and decoding (each step traceable). The decoded row's
+// layout, its printed form and the registers the post-process unit runs on
+// are the first generation's (Vela/Intrinsic/QuantInfo.h).
 #include <cstdint>
 
 #include "Vela/Intrinsic/QuantInfo.h"
@@ -11,18 +11,21 @@
 
 namespace kora::lyra::intrinsic::detail {
 
+using vela::intrinsic::detail::FieldRanges;
 using vela::intrinsic::detail::kBias;
 using vela::intrinsic::detail::kDecodedWidth;
 using vela::intrinsic::detail::kPostRShift;
 using vela::intrinsic::detail::kPreRShift;
 using vela::intrinsic::detail::kScale;
 using vela::intrinsic::detail::kScaleMask;
-using vela::intrinsic::detail::kShiftModeLeft8;
-using vela::intrinsic::detail::kShiftModeNone;
-using vela::intrinsic::detail::kShiftModeRight8;
 using vela::intrinsic::detail::kSuminRShift;
 using vela::intrinsic::detail::kSuminScale;
+using vela::intrinsic::detail::modeOfShift;
+using vela::intrinsic::detail::PackedChannel;
 using vela::intrinsic::detail::PrintedRow;
+using vela::intrinsic::detail::QuantRegisters;
+using vela::intrinsic::detail::registersOf;
+using vela::intrinsic::detail::shiftOfMode;
 using vela::intrinsic::detail::sumin32ShiftValid;
 
 /// Encoded words per channel: commonPart, then suminPart in the low half.
@@ -31,15 +34,8 @@ inline constexpr int64_t kPreRShiftMax = 25;
 inline constexpr int64_t kPostRShiftMax = 40;
 inline constexpr uint64_t kPostRShiftMask = 63;
 inline constexpr int64_t kSuminRShiftMin = -17, kSuminRShiftMax = 22;
-
-inline bool preRShiftInRange(int64_t v) { return v >= 0 && v <= kPreRShiftMax; }
-inline bool postRShiftInRange(int64_t v) { return v >= 0 && v <= kPostRShiftMax; }
-inline bool suminRShiftInRange(int64_t v) { return v >= kSuminRShiftMin && v <= kSuminRShiftMax; }
-
-/// The sumin shift of a shift mode: 2 -> 8, 3 -> -8, 0 and 1 -> 0.
-inline int64_t shiftOfMode(uint64_t mode) {
-  return mode == kShiftModeRight8 ? 8 : mode == kShiftModeLeft8 ? -8 : 0;
-}
+/// A 6-bit postRShift whose values above 40 are invalid.
+inline constexpr FieldRanges kRanges{kPreRShiftMax, kSuminRShiftMin, kSuminRShiftMax, kPostRShiftMask, kPostRShiftMax};
 
 /// An encoded word's coordinate as a trace line names it: "encode[1, 0]".
 struct EncodedWord {
@@ -59,11 +55,6 @@ struct fmt::formatter<kora::lyra::intrinsic::detail::EncodedWord> {
 
 namespace kora::lyra::intrinsic::detail {
 
-struct PackedChannel {
-  uint64_t commonPart = 0;
-  uint32_t suminPart = 0;
-};
-
 /// Packs one decoded row (whose 32-bit shift the caller has checked). `at`
 /// is the row's coordinate, `word0` and `word1` those of its encoded words,
 /// all for trace lines.
@@ -81,20 +72,20 @@ PackedChannel encodeChannel(const int64_t* row, bool sumin32, const Coord& at, c
     const uint64_t suminScale = uint64_t(row[kSuminScale]) & kScaleMask;
     out.suminPart = uint32_t(insertBits(out.suminPart, 14, 0, suminScale));
     KORA_TRACE(trace, "suminPart[14:0] = suminScale // {} -> {}[14:0]", suminScale, EncodedWord{word1});
-    if (suminRShiftInRange(suminRShift)) {
+    if (kRanges.suminRShiftValid(suminRShift)) {
       out.suminPart = uint32_t(insertBits(out.suminPart, 21, 16, uint64_t(suminRShift)));
       KORA_TRACE(trace, "suminPart[21:16] = suminRShift // {} -> {}[21:16]", suminRShift, EncodedWord{word1});
     } else {
       KORA_TRACE(trace, "suminPart[21:16] = 0 // exceeds range of [-17, 22], 0 -> {}[21:16]", EncodedWord{word1});
     }
   } else {
-    const uint64_t mode = suminRShift == 8 ? kShiftModeRight8 : suminRShift == -8 ? kShiftModeLeft8 : kShiftModeNone;
+    const uint64_t mode = modeOfShift(suminRShift);
     out.suminPart = uint32_t(insertBits(out.suminPart, 17, 16, mode));
     KORA_TRACE(trace, "suminPart[17:16] = shiftMode // {} -> {}[17:16]", mode, EncodedWord{word1});
   }
   KORA_TRACE(trace, "suminPart = {}", out.suminPart);
   const int64_t preRShift = row[kPreRShift];
-  if (preRShiftInRange(preRShift)) {
+  if (kRanges.preRShiftValid(preRShift)) {
     out.commonPart = insertBits(out.commonPart, 52, 48, uint64_t(preRShift));
     KORA_TRACE(trace, "commonPart[52:48] = preRShift // {} -> {}[52:48]", preRShift, EncodedWord{word0});
   } else {
@@ -134,7 +125,7 @@ void decodeChannel(uint64_t commonPart, uint64_t suminWord, bool sumin32, const 
     row[kSuminScale] = int64_t(extractBits(suminPart, 14, 0));
     KORA_TRACE(trace, "suminScale = suminPart[14:0] // {}", row[kSuminScale]);
     const int64_t shift = fixed::signExtend(extractBits(suminPart, 21, 16), 6);
-    if (suminRShiftInRange(shift)) {
+    if (kRanges.suminRShiftValid(shift)) {
       row[kSuminRShift] = shift;
       KORA_TRACE(trace, "suminRShift = suminPart[21:16] // {}", shift);
     } else {
@@ -143,7 +134,7 @@ void decodeChannel(uint64_t commonPart, uint64_t suminWord, bool sumin32, const 
     }
   }
   const int64_t preRShift = int64_t(extractBits(commonPart, 52, 48));
-  if (preRShiftInRange(preRShift)) {
+  if (kRanges.preRShiftValid(preRShift)) {
     row[kPreRShift] = preRShift;
     KORA_TRACE(trace, "preRShift = commonPart[52:48] // {}", preRShift);
   } else {
@@ -153,39 +144,13 @@ void decodeChannel(uint64_t commonPart, uint64_t suminWord, bool sumin32, const 
   row[kScale] = int64_t(extractBits(commonPart, 46, 32));
   KORA_TRACE(trace, "scale = commonPart[46:32] // {}", row[kScale]);
   const int64_t postRShift = int64_t(extractBits(commonPart, 61, 56));
-  if (postRShiftInRange(postRShift)) {
+  if (kRanges.postRShiftValid(postRShift)) {
     row[kPostRShift] = postRShift;
     KORA_TRACE(trace, "postRShift = commonPart[61:56] // {}", postRShift);
   } else {
     row[kPostRShift] = 0;
     KORA_TRACE(trace, "postRShift = 0 // exceeds [0,40] range");
   }
-}
-
-/// One channel's registers in the post-process unit.
-struct QuantRegisters {
-  int32_t bias = 0;
-  uint32_t suminScale = 0;  // 15 bits
-  int suminRShift = 0;      // 8 and 16-bit sumin: [-17, 22]; 32-bit sumin: 8, 0 or -8
-  unsigned preRShift = 0;   // [0, 25]
-  uint32_t scale = 0;       // 15 bits
-  unsigned postRShift = 0;  // [0, 40]
-};
-
-/// A decoded row as the registers hold it: each field reduced to its width
-/// and range exactly as encoding and decoding it would. A 32-bit sumin's
-/// shift must have been checked.
-inline QuantRegisters registersOf(const int64_t* row, bool sumin32) {
-  QuantRegisters q;
-  q.bias = fixed::truncateToInt32(row[kBias]);
-  q.suminScale = uint32_t(uint64_t(row[kSuminScale]) & kScaleMask);
-  const int64_t shift = row[kSuminRShift];
-  q.suminRShift = sumin32 || suminRShiftInRange(shift) ? int(shift) : 0;
-  q.preRShift = preRShiftInRange(row[kPreRShift]) ? unsigned(row[kPreRShift]) : 0;
-  q.scale = uint32_t(uint64_t(row[kScale]) & kScaleMask);
-  const uint64_t post = uint64_t(row[kPostRShift]) & kPostRShiftMask;
-  q.postRShift = post <= uint64_t(kPostRShiftMax) ? unsigned(post) : 0;
-  return q;
 }
 
 }  // namespace kora::lyra::intrinsic::detail

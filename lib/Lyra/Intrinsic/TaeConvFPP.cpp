@@ -3,7 +3,6 @@
 // whole tensors, and the MAC followed by it.
 #include <limits>
 
-#include "Vela/Intrinsic/MacEngine.h"
 #include "Vela/Intrinsic/PostProcess.h"
 #include "kora/Lyra/Intrinsic.h"
 #include "kora/Support/Dispatch.h"
@@ -16,7 +15,11 @@ namespace {
 
 using namespace softfloat;
 using vela::intrinsic::detail::ChannelPlan;
+using vela::intrinsic::detail::checkedPostProcess;
+using vela::intrinsic::detail::fillPlan;
+using vela::intrinsic::detail::macThenPostProcess;
 using vela::intrinsic::detail::PostProcessFlags;
+using vela::intrinsic::detail::tableValue;
 
 /// Float quant info positions.
 enum FloatPosition : long { kFloatBias = 0, kFloatSuminScale = 1, kFloatScale = 2 };
@@ -130,19 +133,12 @@ Status planFloatPostProcess(const Tensor& fout, const Tensor& psum, const Tensor
   if (hasSumin && !sumin.sameShape(psum)) return Status::failure("shape of psum and sumin must be identical");
   if (!fout.isValid() || !quantInfo.isValid()) return Status::failure("post-process operands must hold data");
 
-  plan.tables = tables;
-  plan.channels = K;
-  plan.regs.resize(size_t(tables * K));
-  for (long x = 0; x < tables; ++x)
-    for (long k = 0; k < K; ++k) {
-      const long channel = perTensor ? 0 : k;
-      auto value = [&](long j) {
-        const long a3[] = {x, channel, j}, a2[] = {channel, j};
-        return quantInfo.rank() == 3 ? quantInfo.at<float>(a3) : quantInfo.at<float>(a2);
-      };
-      plan.regs[size_t(x * K + k)] = registersOf(value(kFloatBias), value(kFloatSuminScale), value(kFloatScale));
-    }
-  return Status::success();
+  return fillPlan(plan, tables, K, perTensor, [&](long x, long channel, FloatRegisters& regs) {
+    regs = registersOf(tableValue<float>(quantInfo, x, channel, kFloatBias),
+                       tableValue<float>(quantInfo, x, channel, kFloatSuminScale),
+                       tableValue<float>(quantInfo, x, channel, kFloatScale));
+    return Status::success();
+  });
 }
 
 // ---------------------------------------------------------------------------
@@ -430,28 +426,26 @@ void runFloatPostProcess(Tensor& fout, const Tensor& psum, const Tensor& sumin, 
 
 Status TaeConvFPP(Tensor& fout, Tensor const& psum, Tensor const& quantInfo, Tensor const& sumin, bool relu,
                   bool round, bool perTensor) {
-  FloatPlan plan;
-  KORA_RETURN_IF_ERROR(planFloatPostProcess(fout, psum, quantInfo, sumin, perTensor, plan));
-  if (!psum.isValid()) return Status::failure("post-process operands must hold data");
-  runFloatPostProcess(fout, psum, sumin, plan, {relu, round});
-  return Status::success();
+  return checkedPostProcess<FloatPlan>(
+      psum,
+      [&](const Tensor& p, FloatPlan& plan) {
+        return planFloatPostProcess(fout, p, quantInfo, sumin, perTensor, plan);
+      },
+      [&](const Tensor& p, const FloatPlan& plan) { runFloatPostProcess(fout, p, sumin, plan, {relu, round}); });
 }
 
 Status TaeConvMacFPP(Tensor& fout, Tensor const& fin, Tensor const& weight, Tensor const& quantInfo,
                      Tensor const& sumin, Tensor const& psum, int64_t padValue, std::vector<int64_t> const& pad,
                      std::vector<int64_t> const& stride, std::vector<int64_t> const& dilation, int64_t group,
                      bool relu, bool round, bool perTensor) {
-  using namespace vela::intrinsic::detail;
-  // Everything is checked before the MAC runs, against a psum of fout's shape.
-  const Tensor psumShape(ElementType::si32, fout.shape());
-  MacProblem mac;
-  KORA_RETURN_IF_ERROR(prepareConvMac(psumShape, fin, weight, pad, padValue, stride, dilation, group, mac));
-  FloatPlan plan;
-  KORA_RETURN_IF_ERROR(planFloatPostProcess(fout, psumShape, quantInfo, sumin, perTensor, plan));
-  KORA_RETURN_IF_ERROR(checkInitialPsum(psum, fout));
-  const Tensor acc = accumulate(fout.shape(), psum, fin, mac);
-  runFloatPostProcess(fout, acc, sumin, plan, {relu, round});
-  return Status::success();
+  return macThenPostProcess<FloatPlan>(
+      fout, fin, weight, psum, pad, padValue, stride, dilation, group,
+      [&](const Tensor& p, FloatPlan& plan) {
+        return planFloatPostProcess(fout, p, quantInfo, sumin, perTensor, plan);
+      },
+      [&](const Tensor& acc, const FloatPlan& plan) {
+        runFloatPostProcess(fout, acc, sumin, plan, {relu, round});
+      });
 }
 
 }  // namespace kora::lyra::intrinsic

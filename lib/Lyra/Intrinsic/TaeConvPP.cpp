@@ -3,7 +3,6 @@
 // element is the first generation's (Vela/Intrinsic/PostProcess.h); only the
 // sumin rescale, the field ranges and the quant-info layout differ.
 #include "Lyra/Intrinsic/QuantInfo.h"
-#include "Vela/Intrinsic/MacEngine.h"
 #include "Vela/Intrinsic/PostProcess.h"
 #include "kora/Lyra/Intrinsic.h"
 #include "kora/Support/Dispatch.h"
@@ -14,8 +13,10 @@ namespace {
 
 using namespace detail;
 using vela::intrinsic::detail::ChannelPlan;
-using vela::intrinsic::detail::PostProcessFlags;
-using vela::intrinsic::detail::PostProcessStage;
+using vela::intrinsic::detail::fillPlan;
+using vela::intrinsic::detail::IntegerOutputs;
+using vela::intrinsic::detail::IntegerPostProcess;
+using vela::intrinsic::detail::tableValue;
 
 /// The second generation's sumin rescale (step 3 of the pipeline): an 8 or
 /// 16-bit sumin is multiplied by its 15-bit scale and shifted either way; a
@@ -57,38 +58,8 @@ struct AddSumin {
   }
 };
 
-PostProcessStage stageOf(const QuantRegisters& q) {
-  PostProcessStage s;
-  s.bias = q.bias;
-  s.preRShift = q.preRShift;
-  s.scale = q.scale;
-  s.postRShift = q.postRShift;
-  return s;
-}
-
-/// One element with the second generation's registers; TSumin is void
-/// without sumin.
-template <class TOut, class TSumin, class Trace>
-TOut elementOf(const Coord& at, int32_t psum, const void* sumin, const QuantRegisters& q, PostProcessFlags flags,
-               Trace& trace) {
-  using vela::intrinsic::detail::postProcessElement;
-  if constexpr (std::is_void_v<TSumin>) {
-    return postProcessElement<TOut>(at, psum, stageOf(q), vela::intrinsic::detail::NoSumin{}, flags, trace);
-  } else {
-    const AddSumin<TSumin> add{at, *static_cast<const TSumin*>(sumin), int64_t(q.suminScale), q.suminRShift};
-    return postProcessElement<TOut>(at, psum, stageOf(q), add, flags, trace);
-  }
-}
-
 using PostProcessPlan = ChannelPlan<QuantRegisters>;
-using IntegerOutputs = TypeList<int8_t, int16_t, int32_t>;
 using IntegerSumins = TypeList<int8_t, int16_t, int32_t>;
-
-/// The quant-info table's word or value j of (table x, channel).
-int64_t tableWord(const Tensor& quantInfo, long x, long channel, long j) {
-  const long a3[] = {x, channel, j}, a2[] = {channel, j};
-  return quantInfo.rank() == 3 ? quantInfo.at<int64_t>(a3) : quantInfo.at<int64_t>(a2);
-}
 
 /// All checks of TaeConvPP / TaeConvPPEncoded (psum may be a shape without
 /// data: TaeConvMacPP checks before its psum exists), then the registers.
@@ -117,85 +88,42 @@ Status planPostProcess(const Tensor& fout, const Tensor& psum, const Tensor& qua
   if (!fout.isValid() || !quantInfo.isValid()) return Status::failure("post-process operands must hold data");
 
   const bool sumin32 = hasSumin && sumin.elementType() == ElementType::si32;
-  plan.tables = tables;
-  plan.channels = K;
-  plan.regs.resize(size_t(tables * K));
-  for (long x = 0; x < tables; ++x)
-    for (long k = 0; k < K; ++k) {
-      const long channel = perTensor ? 0 : k;
-      int64_t row[kDecodedWidth];
-      if (encoded) {
-        NoTrace quiet;
-        decodeChannel(uint64_t(tableWord(quantInfo, x, channel, 0)), uint64_t(tableWord(quantInfo, x, channel, 1)),
-                      sumin32, Coord(), Coord(), row, quiet);
-      } else {
-        for (long j = 0; j < kDecodedWidth; ++j) row[j] = tableWord(quantInfo, x, channel, j);
-        if (sumin32 && !sumin32ShiftValid(row[kSuminRShift]))
-          return failure("i32 suminRShift must be one of [8, 0, -8], but got {}", row[kSuminRShift]);
-      }
-      plan.regs[size_t(x * K + k)] = registersOf(row, sumin32);
+  return fillPlan(plan, tables, K, perTensor, [&](long x, long channel, QuantRegisters& regs) {
+    int64_t row[kDecodedWidth];
+    if (encoded) {
+      NoTrace quiet;
+      decodeChannel(uint64_t(tableValue<int64_t>(quantInfo, x, channel, 0)),
+                    uint64_t(tableValue<int64_t>(quantInfo, x, channel, 1)), sumin32, Coord(), Coord(), row, quiet);
+    } else {
+      for (long j = 0; j < kDecodedWidth; ++j) row[j] = tableValue<int64_t>(quantInfo, x, channel, j);
+      if (sumin32 && !sumin32ShiftValid(row[kSuminRShift]))
+        return failure("i32 suminRShift must be one of [8, 0, -8], but got {}", row[kSuminRShift]);
     }
-  return Status::success();
-}
-
-void runPostProcess(Tensor& fout, const Tensor& psum, const Tensor& sumin, const PostProcessPlan& plan,
-                    PostProcessFlags flags) {
-  using vela::intrinsic::detail::runChannelwise;
-  using vela::intrinsic::detail::withConstantFlags;
-  dispatch<IntegerOutputs>(fout.elementType(), [&]<class TOut>() {
-    auto run = [&]<class TSumin>() {
-      withConstantFlags(flags, [&]<bool relu, bool round>() {
-        runChannelwise<TOut, TSumin>(
-            fout, psum, sumin, plan, [](const Coord& at, const QuantRegisters& q, int32_t value, const void* add,
-                                        auto& trace) {
-              return elementOf<TOut, TSumin>(at, value, add, q, PostProcessFlags{relu, round}, trace);
-            });
-      });
-    };
-    if (!sumin.isValid())
-      run.template operator()<void>();
-    else
-      dispatch<IntegerSumins>(sumin.elementType(), run);
+    regs = registersOf(row, sumin32, kRanges);
+    return Status::success();
   });
 }
 
-Status postProcess(Tensor& fout, const Tensor& psum, const Tensor& quantInfo, const Tensor& sumin, bool encoded,
-                   bool relu, bool round, bool perTensor) {
-  PostProcessPlan plan;
-  KORA_RETURN_IF_ERROR(planPostProcess(fout, psum, quantInfo, sumin, encoded, perTensor, plan));
-  if (!psum.isValid()) return Status::failure("post-process operands must hold data");
-  runPostProcess(fout, psum, sumin, plan, {relu, round});
-  return Status::success();
-}
+using Calls = IntegerPostProcess<AddSumin, IntegerSumins, &planPostProcess>;
 
 }  // namespace
 
 Status TaeConvPP(Tensor& fout, Tensor const& psum, Tensor const& quantInfo, Tensor const& sumin, bool relu,
                  bool round, bool perTensor) {
-  return postProcess(fout, psum, quantInfo, sumin, false, relu, round, perTensor);
+  return Calls::tensors(fout, psum, quantInfo, sumin, false, relu, round, perTensor);
 }
 
 Status TaeConvPPEncoded(Tensor& fout, Tensor const& psum, Tensor const& quantInfo, Tensor const& sumin, bool relu,
                         bool round, bool perTensor) {
-  return postProcess(fout, psum, quantInfo, sumin, true, relu, round, perTensor);
+  return Calls::tensors(fout, psum, quantInfo, sumin, true, relu, round, perTensor);
 }
 
 Status TaeConvMacPP(Tensor& fout, Tensor const& fin, Tensor const& weight, Tensor const& quantInfo,
                     Tensor const& sumin, Tensor const& psum, int64_t padValue, std::vector<int64_t> const& pad,
                     std::vector<int64_t> const& stride, std::vector<int64_t> const& dilation, int64_t group,
                     int64_t quantForm, bool relu, bool round, bool perTensor) {
-  using namespace vela::intrinsic::detail;
-  if (quantForm != 0 && quantForm != 1) return Status::failure("quantForm must be 0 (decoded) or 1 (encoded)");
-  // Everything is checked before the MAC runs, against a psum of fout's shape.
-  const Tensor psumShape(ElementType::si32, fout.shape());
-  MacProblem mac;
-  KORA_RETURN_IF_ERROR(prepareConvMac(psumShape, fin, weight, pad, padValue, stride, dilation, group, mac));
-  PostProcessPlan plan;
-  KORA_RETURN_IF_ERROR(planPostProcess(fout, psumShape, quantInfo, sumin, quantForm == 1, perTensor, plan));
-  KORA_RETURN_IF_ERROR(checkInitialPsum(psum, fout));
-  const Tensor acc = accumulate(fout.shape(), psum, fin, mac);
-  runPostProcess(fout, acc, sumin, plan, {relu, round});
-  return Status::success();
+  return Calls::afterMac(fout, fin, weight, quantInfo, sumin, psum, padValue, pad, stride, dilation, group, quantForm,
+                         relu, round, perTensor);
 }
 
 }  // namespace kora::lyra::intrinsic

@@ -1,12 +1,8 @@
 // The first generation's post-process over whole tensors (decoded or encoded
 // quant info), and the MAC followed by it.
-#include <array>
-
-#include "Vela/Intrinsic/MacEngine.h"
 #include "Vela/Intrinsic/PostProcess.h"
 #include "Vela/Intrinsic/QuantInfo.h"
 #include "kora/Support/Dispatch.h"
-#include "kora/Support/StridedWalk.h"
 #include "kora/Vela/Intrinsic.h"
 
 namespace kora::vela::intrinsic {
@@ -51,30 +47,9 @@ struct AddSumin {
   }
 };
 
-PostProcessStage stageOf(const QuantRegisters& q) {
-  PostProcessStage s;
-  s.bias = q.bias;
-  s.preRShift = q.preRShift;
-  s.scale = q.scale;
-  s.postRShift = q.postRShift;
-  return s;
-}
-
-/// One element with the first generation's registers; TSumin is void without
-/// sumin.
-template <class TOut, class TSumin, class Trace>
-TOut elementOf(const Coord& at, int32_t psum, const void* sumin, const QuantRegisters& q, PostProcessFlags flags,
-               Trace& trace) {
-  if constexpr (std::is_void_v<TSumin>) {
-    return postProcessElement<TOut>(at, psum, stageOf(q), NoSumin{}, flags, trace);
-  } else {
-    const AddSumin<TSumin> add{at, *static_cast<const TSumin*>(sumin), int64_t(q.suminScale), q.suminRShift};
-    return postProcessElement<TOut>(at, psum, stageOf(q), add, flags, trace);
-  }
-}
-
 /// The registers of every (table, channel), ready for the loop.
 using PostProcessPlan = ChannelPlan<QuantRegisters>;
+using Sumins = TypeList<int8_t, int32_t>;
 
 /// All checks of ConvPP / ConvPPEncoded (psum may be a shape without data:
 /// ConvMacPP checks before its psum exists), then the registers.
@@ -95,8 +70,7 @@ Status planPostProcess(const Tensor& fout, const Tensor& psum, const Tensor& qua
   const long batch = psum.rank() >= 2 ? psum.dim(0) : 1;
   const long tables = quantInfo.rank() == 3 ? quantInfo.dim(0) : 1;
   if (tables != 1 && tables != batch) return Status::failure("quantInfo axis 0 must be 1 or psum axis 0");
-  if (!typeIn<TypeList<int8_t, int16_t, int32_t>>(fout.elementType()))
-    return Status::failure("fout must be si8, si16 or si32");
+  if (!typeIn<IntegerOutputs>(fout.elementType())) return Status::failure("fout must be si8, si16 or si32");
   const bool hasSumin = sumin.isValid();
   if (hasSumin && sumin.elementType() != ElementType::si8 && sumin.elementType() != ElementType::si32)
     return Status::failure("sumin must be 8bit or 32bit");
@@ -106,86 +80,43 @@ Status planPostProcess(const Tensor& fout, const Tensor& psum, const Tensor& qua
     return Status::failure("sumin type does not match the quantInfo form");
   if (!fout.isValid() || !quantInfo.isValid()) return Status::failure("post-process operands must hold data");
 
-  plan.tables = tables;
-  plan.channels = K;
-  plan.regs.resize(size_t(tables * K));
-  for (long x = 0; x < tables; ++x)
-    for (long k = 0; k < K; ++k) {
-      const long channel = perTensor ? 0 : k;
-      auto word = [&](long j) -> int64_t {
-        const long a3[] = {x, channel, j}, a2[] = {channel, j};
-        return quantInfo.rank() == 3 ? quantInfo.at<int64_t>(a3) : quantInfo.at<int64_t>(a2);
-      };
-      int64_t row[kDecodedWidth];
-      if (encoded) {
-        const uint64_t suminWord = width == 2 ? uint64_t(word(1)) : 0;
-        NoTrace quiet;
-        decodeChannel(uint64_t(word(0)), width == 2 ? &suminWord : nullptr, channel % 2 == 1, Coord(), row, quiet);
-      } else {
-        for (long j = 0; j < kDecodedWidth; ++j) row[j] = word(j);
-        if (hasSumin && sumin32 && !sumin32ShiftValid(row[kSuminRShift]))
-          return failure("i32 suminRShift must be one of [8, 0, -8], but got {}", row[kSuminRShift]);
-      }
-      plan.regs[size_t(x * K + k)] = registersOf(row, sumin32);
+  return fillPlan(plan, tables, K, perTensor, [&](long x, long channel, QuantRegisters& regs) {
+    int64_t row[kDecodedWidth];
+    if (encoded) {
+      const uint64_t suminWord = width == 2 ? uint64_t(tableValue<int64_t>(quantInfo, x, channel, 1)) : 0;
+      NoTrace quiet;
+      decodeChannel(uint64_t(tableValue<int64_t>(quantInfo, x, channel, 0)), width == 2 ? &suminWord : nullptr,
+                    channel % 2 == 1, Coord(), row, quiet);
+    } else {
+      for (long j = 0; j < kDecodedWidth; ++j) row[j] = tableValue<int64_t>(quantInfo, x, channel, j);
+      if (hasSumin && sumin32 && !sumin32ShiftValid(row[kSuminRShift]))
+        return failure("i32 suminRShift must be one of [8, 0, -8], but got {}", row[kSuminRShift]);
     }
-  return Status::success();
-}
-
-void runPostProcess(Tensor& fout, const Tensor& psum, const Tensor& sumin, const PostProcessPlan& plan,
-                    PostProcessFlags flags) {
-  dispatch<TypeList<int8_t, int16_t, int32_t>>(fout.elementType(), [&]<class TOut>() {
-    auto run = [&]<class TSumin>() {
-      withConstantFlags(flags, [&]<bool relu, bool round>() {
-        runChannelwise<TOut, TSumin>(
-            fout, psum, sumin, plan, [](const Coord& at, const QuantRegisters& q, int32_t value, const void* add,
-                                        auto& trace) {
-              return elementOf<TOut, TSumin>(at, value, add, q, PostProcessFlags{relu, round}, trace);
-            });
-      });
-    };
-    if (!sumin.isValid())
-      run.template operator()<void>();
-    else
-      dispatch<TypeList<int8_t, int32_t>>(sumin.elementType(), run);
+    regs = registersOf(row, sumin32, kRanges);
+    return Status::success();
   });
 }
 
-Status postProcess(Tensor& fout, const Tensor& psum, const Tensor& quantInfo, const Tensor& sumin, bool encoded,
-                   bool relu, bool round, bool perTensor) {
-  PostProcessPlan plan;
-  KORA_RETURN_IF_ERROR(planPostProcess(fout, psum, quantInfo, sumin, encoded, perTensor, plan));
-  if (!psum.isValid()) return Status::failure("post-process operands must hold data");
-  runPostProcess(fout, psum, sumin, plan, {relu, round});
-  return Status::success();
-}
+using Calls = IntegerPostProcess<AddSumin, Sumins, &planPostProcess>;
 
 }  // namespace
 
 Status ConvPP(Tensor& fout, Tensor const& psum, Tensor const& quantInfo, Tensor const& sumin, bool relu, bool round,
               bool perTensor) {
-  return postProcess(fout, psum, quantInfo, sumin, false, relu, round, perTensor);
+  return Calls::tensors(fout, psum, quantInfo, sumin, false, relu, round, perTensor);
 }
 
 Status ConvPPEncoded(Tensor& fout, Tensor const& psum, Tensor const& quantInfo, Tensor const& sumin, bool relu,
                      bool round, bool perTensor) {
-  return postProcess(fout, psum, quantInfo, sumin, true, relu, round, perTensor);
+  return Calls::tensors(fout, psum, quantInfo, sumin, true, relu, round, perTensor);
 }
 
 Status ConvMacPP(Tensor& fout, Tensor const& fin, Tensor const& weight, Tensor const& quantInfo, Tensor const& sumin,
                  Tensor const& psum, int64_t padValue, std::vector<int64_t> const& pad,
                  std::vector<int64_t> const& stride, std::vector<int64_t> const& dilation, int64_t group,
                  int64_t quantForm, bool relu, bool round, bool perTensor) {
-  if (quantForm != 0 && quantForm != 1) return Status::failure("quantForm must be 0 (decoded) or 1 (encoded)");
-  // Everything is checked before the MAC runs, against a psum of fout's shape.
-  const Tensor psumShape(ElementType::si32, fout.shape());
-  MacProblem mac;
-  KORA_RETURN_IF_ERROR(prepareConvMac(psumShape, fin, weight, pad, padValue, stride, dilation, group, mac));
-  PostProcessPlan plan;
-  KORA_RETURN_IF_ERROR(planPostProcess(fout, psumShape, quantInfo, sumin, quantForm == 1, perTensor, plan));
-  KORA_RETURN_IF_ERROR(checkInitialPsum(psum, fout));
-  const Tensor acc = accumulate(fout.shape(), psum, fin, mac);
-  runPostProcess(fout, acc, sumin, plan, {relu, round});
-  return Status::success();
+  return Calls::afterMac(fout, fin, weight, quantInfo, sumin, psum, padValue, pad, stride, dilation, group, quantForm,
+                         relu, round, perTensor);
 }
 
 }  // namespace kora::vela::intrinsic

@@ -6,12 +6,17 @@
 //
 // Also the loop every post-process (integer or floating, either generation)
 // runs over whole tensors: channel = last axis, per-channel registers decoded
-// once per call, the traced element computed first and not stored.
+// once per call, the traced element computed first and not stored; the
+// integer post-process of whole tensors; and the MAC followed by a
+// post-process, every check of both run first.
 #include <cstdint>
 #include <type_traits>
 #include <vector>
 
+#include "Vela/Intrinsic/MacEngine.h"
+#include "Vela/Intrinsic/QuantInfo.h"
 #include "kora/Core/Trace.h"
+#include "kora/Support/Dispatch.h"
 #include "kora/Support/FixedPoint.h"
 #include "kora/Support/StridedWalk.h"
 
@@ -117,15 +122,24 @@ void storeChannelwise(const Tensor& fout, const Tensor& psum, const Tensor& sumi
   const long outStep = fout.stride(-1), psumStep = psum.stride(-1), suminStep = suminOrPsum.stride(-1);
   static const Coord unused;
   walk.forEachChunk([&](char* const* p, const long* s, long n) {
+    // Everything the loops read but the elements is copied into locals: a
+    // one-byte output may alias any memory, so a value read through a
+    // pointer would be read again after every element stored.
+    char* const out0 = p[0];
+    const char* const in0 = p[1];
+    const char* const add0 = p[2];
+    const long outRow = s[0], inRow = s[1], addRow = s[2];
+    const long channels = K, outNext = outStep, inNext = psumStep, addNext = suminStep;
+    const Regs* const channelRegs = regs;
     for (long j = 0; j < n; ++j) {
-      char* out = p[0] + j * s[0];
-      const char* in = p[1] + j * s[1];
-      const char* add = p[2] + j * s[2];
-      for (long k = 0; k < K; ++k) {
+      char* out = out0 + j * outRow;
+      const char* in = in0 + j * inRow;
+      const char* add = add0 + j * addRow;
+      for (long k = 0; k < channels; ++k) {
         NoTrace quiet;
-        const int32_t value = *reinterpret_cast<const int32_t*>(in + k * psumStep);
-        *reinterpret_cast<TOut*>(out + k * outStep) =
-            element(unused, regs[k], value, static_cast<const void*>(add + k * suminStep), quiet);
+        const int32_t value = *reinterpret_cast<const int32_t*>(in + k * inNext);
+        *reinterpret_cast<TOut*>(out + k * outNext) =
+            element(unused, channelRegs[k], value, static_cast<const void*>(add + k * addNext), quiet);
       }
     }
   });
@@ -169,5 +183,137 @@ void runChannelwise(Tensor& fout, const Tensor& psum, const Tensor& sumin, const
                                                                 element);
                                });
 }
+
+/// Value j of (table x, channel) in a quant-info table [K', width] or
+/// [X, K', width].
+template <class T>
+T tableValue(const Tensor& quantInfo, long x, long channel, long j) {
+  const long a3[] = {x, channel, j}, a2[] = {channel, j};
+  return quantInfo.rank() == 3 ? quantInfo.at<T>(a3) : quantInfo.at<T>(a2);
+}
+
+/// Sizes `plan` for `tables` tables of K channels and sets the registers of
+/// every (table x, channel k) through registersAt(x, channel, regs) ->
+/// Status, channel being k, or 0 per tensor. The first failure stops.
+template <class Regs, class RegistersAt>
+Status fillPlan(ChannelPlan<Regs>& plan, long tables, long K, bool perTensor, const RegistersAt& registersAt) {
+  plan.tables = tables;
+  plan.channels = K;
+  plan.regs.resize(size_t(tables * K));
+  for (long x = 0; x < tables; ++x)
+    for (long k = 0; k < K; ++k) KORA_RETURN_IF_ERROR(registersAt(x, perTensor ? 0 : k, plan.regs[size_t(x * K + k)]));
+  return Status::success();
+}
+
+// ---------------------------------------------------------------------------
+// The integer post-process of whole tensors, either generation: the
+// generation gives its sumin rescale AddSumin<TSumin> (built from the
+// element's coordinate, its sumin, the channel's suminScale and suminRShift)
+// and the sumin types it takes.
+
+/// One element with a channel's registers; TSumin is void without sumin.
+template <template <class> class AddSumin, class TOut, class TSumin, class Trace>
+TOut integerElement(const Coord& at, int32_t psum, const void* sumin, const QuantRegisters& q, PostProcessFlags flags,
+                    Trace& trace) {
+  PostProcessStage stage;
+  stage.bias = q.bias;
+  stage.preRShift = q.preRShift;
+  stage.scale = q.scale;
+  stage.postRShift = q.postRShift;
+  if constexpr (std::is_void_v<TSumin>) {
+    return postProcessElement<TOut>(at, psum, stage, NoSumin{}, flags, trace);
+  } else {
+    const AddSumin<TSumin> add{at, *static_cast<const TSumin*>(sumin), int64_t(q.suminScale), q.suminRShift};
+    return postProcessElement<TOut>(at, psum, stage, add, flags, trace);
+  }
+}
+
+using IntegerOutputs = TypeList<int8_t, int16_t, int32_t>;
+
+/// psum through the registers of `plan` into fout (si8, si16 or si32), with
+/// sumin of one of `Sumins` or none; everything has been checked.
+template <template <class> class AddSumin, class Sumins>
+void runIntegerPostProcess(Tensor& fout, const Tensor& psum, const Tensor& sumin,
+                           const ChannelPlan<QuantRegisters>& plan, PostProcessFlags flags) {
+  dispatch<IntegerOutputs>(fout.elementType(), [&]<class TOut>() {
+    auto run = [&]<class TSumin>() {
+      withConstantFlags(flags, [&]<bool relu, bool round>() {
+        runChannelwise<TOut, TSumin>(
+            fout, psum, sumin, plan, [](const Coord& at, const QuantRegisters& q, int32_t value, const void* add,
+                                        auto& trace) {
+              return integerElement<AddSumin, TOut, TSumin>(at, value, add, q, PostProcessFlags{relu, round}, trace);
+            });
+      });
+    };
+    if (!sumin.isValid())
+      run.template operator()<void>();
+    else
+      dispatch<Sumins>(sumin.elementType(), run);
+  });
+}
+
+// ---------------------------------------------------------------------------
+// Whole calls. prepare(psum, plan) runs every check of a post-process on psum
+// (a shape that may hold no data) and plans it; run(psum, plan) computes it.
+
+/// A post-process of a given psum.
+template <class Plan, class Prepare, class Run>
+Status checkedPostProcess(const Tensor& psum, const Prepare& prepare, const Run& run) {
+  Plan plan;
+  KORA_RETURN_IF_ERROR(prepare(psum, plan));
+  if (!psum.isValid()) return Status::failure("post-process operands must hold data");
+  run(psum, plan);
+  return Status::success();
+}
+
+/// The MAC (ConvMac's arguments) into a fresh psum of fout's shape, starting
+/// from `psum` when that tensor is valid, then the post-process. Checks, in
+/// order: the MAC's, the post-process's, then those of the initial psum.
+template <class Plan, class Prepare, class Run>
+Status macThenPostProcess(const Tensor& fout, const Tensor& fin, const Tensor& weight, const Tensor& psum,
+                          ArrayRef<int64_t> pad, int64_t padValue, ArrayRef<int64_t> stride,
+                          ArrayRef<int64_t> dilation, int64_t group, const Prepare& prepare, const Run& run) {
+  const Tensor psumShape(ElementType::si32, fout.shape());
+  MacProblem mac;
+  KORA_RETURN_IF_ERROR(prepareConvMac(psumShape, fin, weight, pad, padValue, stride, dilation, group, mac));
+  Plan plan;
+  KORA_RETURN_IF_ERROR(prepare(psumShape, plan));
+  KORA_RETURN_IF_ERROR(checkInitialPsum(psum, fout));
+  run(accumulate(fout.shape(), psum, fin, mac), plan);
+  return Status::success();
+}
+
+/// A generation's integer post-process calls: its sumin rescale, its sumin
+/// types and plan(fout, psum, quantInfo, sumin, encoded, perTensor, plan),
+/// which runs its checks in its order and decodes its quant-info layout.
+template <template <class> class AddSumin, class Sumins, auto plan>
+struct IntegerPostProcess {
+  using Plan = ChannelPlan<QuantRegisters>;
+
+  /// ConvPP / ConvPPEncoded of the generation.
+  static Status tensors(Tensor& fout, const Tensor& psum, const Tensor& quantInfo, const Tensor& sumin, bool encoded,
+                        bool relu, bool round, bool perTensor) {
+    return checkedPostProcess<Plan>(
+        psum, [&](const Tensor& p, Plan& q) { return plan(fout, p, quantInfo, sumin, encoded, perTensor, q); },
+        [&](const Tensor& p, const Plan& q) {
+          runIntegerPostProcess<AddSumin, Sumins>(fout, p, sumin, q, {relu, round});
+        });
+  }
+
+  /// ConvMacPP of the generation: "quantForm must be 0 (decoded) or 1
+  /// (encoded)" first, then as macThenPostProcess.
+  static Status afterMac(Tensor& fout, const Tensor& fin, const Tensor& weight, const Tensor& quantInfo,
+                         const Tensor& sumin, const Tensor& psum, int64_t padValue, ArrayRef<int64_t> pad,
+                         ArrayRef<int64_t> stride, ArrayRef<int64_t> dilation, int64_t group, int64_t quantForm,
+                         bool relu, bool round, bool perTensor) {
+    if (quantForm != 0 && quantForm != 1) return Status::failure("quantForm must be 0 (decoded) or 1 (encoded)");
+    return macThenPostProcess<Plan>(
+        fout, fin, weight, psum, pad, padValue, stride, dilation, group,
+        [&](const Tensor& p, Plan& q) { return plan(fout, p, quantInfo, sumin, quantForm == 1, perTensor, q); },
+        [&](const Tensor& acc, const Plan& q) {
+          runIntegerPostProcess<AddSumin, Sumins>(fout, acc, sumin, q, {relu, round});
+        });
+  }
+};
 
 }  // namespace kora::vela::intrinsic::detail

@@ -1,38 +1,50 @@
 // Encoding and decoding of the per-channel quant info (fields and their
-// trace lines in QuantInfo.h).
+// trace lines in QuantInfo.h), and the table checks both generations share.
 #include "Vela/Intrinsic/QuantInfo.h"
 
 #include "kora/Vela/Intrinsic.h"
 
 namespace kora::vela::intrinsic {
 
-namespace {
+namespace detail {
 
-using namespace detail;
-
-Status checkEncodeDecodePair(const Tensor& encode, const Tensor& decode) {
+Status checkEncodeDecodePair(const Tensor& encode, const Tensor& decode, const PairReasons& reasons) {
   if (encode.elementType() != ElementType::si64 || decode.elementType() != ElementType::si64)
-    return Status::failure("encoded and decoded quantInfo must be si64");
-  if (encode.rank() != decode.rank()) return Status::failure("encode and decode tensors must be the same rank");
+    return Status::failure(reasons.type);
+  if (encode.rank() != decode.rank()) return Status::failure(reasons.rank);
   if (encode.rank() < 2) return Status::failure("encode and decode tensors must be at least rank 2");
   if (encode.dim(-2) != decode.dim(-2)) return Status::failure("encode and decode tensor axis -2 must be identical");
   for (long axis = 0; axis + 2 < long(encode.rank()); ++axis)
-    if (encode.dim(axis) != decode.dim(axis)) return failure("encode and decode tensor axis {} must be identical", axis);
+    if (encode.dim(axis) != decode.dim(axis))
+      return failure("encode and decode tensor axis {} must be identical", axis);
   if (decode.dim(-1) != kDecodedWidth) return Status::failure("decode tensor axis -1 must be 6");
-  if (encode.dim(-1) != 1 && encode.dim(-1) != 2) return Status::failure("encode tensor axis -1 must be either 1 or 2");
+  if (encode.dim(-1) < reasons.minWords || encode.dim(-1) > 2) return Status::failure(reasons.width);
   if (!encode.isValid() || !decode.isValid()) return Status::failure("encode and decode tensors must hold data");
   return Status::success();
 }
 
-bool oddChannel(const Coord& at, int64_t channelBase) {
-  return ((uint64_t(channelBase) + uint64_t(at[at.rank - 1])) & 1u) != 0;
+Status checkSumin32Shifts(const Tensor& decode) {
+  Status bad = Status::success();
+  forEachRow(decode, [&](const Coord& at) {
+    const int64_t shift = decode.at<int64_t>(withLast(at, kSuminRShift));
+    if (bad.ok() && !sumin32ShiftValid(shift))
+      bad = failure("i32 suminRShift must be one of [8, 0, -8], but got {}", shift);
+  });
+  return bad;
 }
 
-template <class Trace>
-PackedChannel encodeRow(const Tensor& decode, const Coord& at, bool sumin32, Trace& trace) {
-  int64_t row[kDecodedWidth];
-  readDecodedRow(decode, at, row);
-  return encodeChannel(row, sumin32, oddChannel(at, 0), at, withLast(at, 0), trace);
+}  // namespace detail
+
+namespace {
+
+using namespace detail;
+
+constexpr PairReasons kPairReasons{"encoded and decoded quantInfo must be si64",
+                                   "encode and decode tensors must be the same rank",
+                                   "encode tensor axis -1 must be either 1 or 2", 1};
+
+bool oddChannel(const Coord& at, int64_t channelBase) {
+  return ((uint64_t(channelBase) + uint64_t(at[at.rank - 1])) & 1u) != 0;
 }
 
 template <class Trace>
@@ -47,47 +59,28 @@ void decodeRow(const Tensor& encode, const Coord& at, int64_t channelBase, int64
 }  // namespace
 
 Status EncodeQuantInfo(Tensor& encode, Tensor const& decode) {
-  KORA_RETURN_IF_ERROR(checkEncodeDecodePair(encode, decode));
+  KORA_RETURN_IF_ERROR(checkEncodeDecodePair(encode, decode, kPairReasons));
   const bool sumin32 = encode.dim(-1) == 1;
-  if (sumin32) {
-    Status bad = Status::success();
-    forEachRow(decode, [&](const Coord& at) {
-      const int64_t shift = decode.at<int64_t>(withLast(at, kSuminRShift));
-      if (bad.ok() && !sumin32ShiftValid(shift))
-        bad = failure("i32 suminRShift must be one of [8, 0, -8], but got {}", shift);
-    });
-    KORA_RETURN_IF_ERROR(bad);
-  }
-  Coord traced;
-  if (tracedRow(TracePoint::forOutput(encode), traced)) {
-    Tracer tracer;
-    (void)encodeRow(decode, traced, sumin32, tracer);
-  }
-  forEachRow(decode, [&](const Coord& at) {
-    NoTrace quiet;
-    const PackedChannel packed = encodeRow(decode, at, sumin32, quiet);
-    encode.at<int64_t>(withLast(at, 0)) = int64_t(packed.commonPart);
-    if (!sumin32) {
-      const unsigned half = oddChannel(at, 0) ? 32 : 0;
-      encode.at<int64_t>(withLast(at, 1)) = int64_t(uint64_t(packed.suminPart) << half);
-    }
-  });
+  if (sumin32) KORA_RETURN_IF_ERROR(checkSumin32Shifts(decode));
+  encodeRows(
+      encode, decode,
+      [&](const int64_t* row, const Coord& at, auto& trace) {
+        return encodeChannel(row, sumin32, oddChannel(at, 0), at, withLast(at, 0), trace);
+      },
+      [&](const Coord& at, const PackedChannel& packed) {
+        encode.at<int64_t>(withLast(at, 0)) = int64_t(packed.commonPart);
+        if (!sumin32) {
+          const unsigned half = oddChannel(at, 0) ? 32 : 0;
+          encode.at<int64_t>(withLast(at, 1)) = int64_t(uint64_t(packed.suminPart) << half);
+        }
+      });
   return Status::success();
 }
 
 Status DecodeQuantInfo(Tensor& decode, Tensor const& encode, int64_t channelBase) {
-  KORA_RETURN_IF_ERROR(checkEncodeDecodePair(encode, decode));
-  int64_t row[kDecodedWidth];
-  Coord traced;
-  if (tracedRow(TracePoint::forOutput(decode), traced)) {
-    Tracer tracer;
-    decodeRow(encode, traced, channelBase, row, tracer);
-  }
-  forEachRow(encode, [&](const Coord& at) {
-    NoTrace quiet;
-    decodeRow(encode, at, channelBase, row, quiet);
-    for (long j = 0; j < kDecodedWidth; ++j) decode.at<int64_t>(withLast(at, j)) = row[j];
-  });
+  KORA_RETURN_IF_ERROR(checkEncodeDecodePair(encode, decode, kPairReasons));
+  decodeRows(decode, encode,
+             [&](const Coord& at, int64_t* row, auto& trace) { decodeRow(encode, at, channelBase, row, trace); });
   return Status::success();
 }
 
