@@ -72,6 +72,12 @@ inline std::vector<std::pair<std::string, Tensor>> layoutsOf(const Tensor& compa
   return result;
 }
 
+/// Values given as int64 (or f32) stored in `type` (Tensor::cast wraps).
+inline Tensor ints(ElementType type, std::vector<int64_t> v) {
+  return tensorOf<int64_t>(ElementType::si64, {long(v.size())}, v).cast(type);
+}
+inline Tensor f32s(std::vector<long> shape, std::vector<float> v) { return tensorOf<float>(ElementType::f32, shape, v); }
+
 /// The elements of any tensor with a numeric reading, as bits of f64.
 inline std::vector<uint64_t> resultBits(const Tensor& t) { return bitsOf<double>(t.cast(ElementType::f64)); }
 
