@@ -186,8 +186,10 @@ TEST(ReduceIntegers, EveryAcceptedTypeAgainstAnInt64Reference) {
 
 TEST(ReduceMean, EachElementIsScaledBeforeItIsAdded) {
   // 0.1f added ten times is 1.0000001 (0x3f800001), while 10 / 10 is 1.
-  const std::pair<std::vector<float>, uint32_t> cases[] = {
-      {{1, 1, 1}, 0x3f800000u}, {std::vector<float>(10, 1.0f), 0x3f800001u}, {{2, -4, 8, 6}, 0x40400000u}};
+  // With d = f32(1/3): 1 * d + 6 * d + 1 * d, each product rounded (6 * d to
+  // 2), gives 0x402aaaaa, where 8 / 3 or fused steps give 0x402aaaab.
+  const std::pair<std::vector<float>, uint32_t> cases[] = {{{1, 1, 1}, 0x3f800000u}, {{1, 6, 1}, 0x402aaaaau},
+      {std::vector<float>(10, 1.0f), 0x3f800001u}, {{2, -4, 8, 6}, 0x40400000u}};
   for (const auto& [values, bits] : cases)
     EXPECT_EQ(bitsOf<float>(OP(ReduceMean)(f32s({1, long(values.size())}, values), {1})), std::vector<uint32_t>{bits});
   // f16 in f32: ten ones give 1.0000001, which narrows to 1.

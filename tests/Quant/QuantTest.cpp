@@ -45,6 +45,9 @@ TEST(Quantize, HandWorkedTiesAndBounds) {
       {0.49999997f, 1, 0, si8, false, 0, 1},  // 0.49999997 + 0.5 rounds up to 1 in f32
       {8388609.0f, 1, 0, si32, false, 8388609, 8388610},  // 8388609 + 0.5 rounds to the even 8388610
       {0.5f, 1, 16777217, si32, false, 16777216, 16777216},  // the zero point is rounded to f32 first
+      // 0.35f / f32(0.1) is the f32 tie 3.5 (exactly 3.49999994), and 3.5 + 2^23 the f32 tie 8388611.5: summed in
+      // f32 it rounds to 8388612, where one binary64 sum rounded once would give 8388611.
+      {0.35f, 0.1, 8388608, si32, false, 8388612, 8388612},
       {-200.0f, 1, 0, si8, true, -127, -127}, {-3.0f, 1, 0, ElementType::ui8, true, 1, 1},
       {-1.0f, -0.0, 0, si8, true, 127, 127},  // -1 / -0 is +inf
       {0.0f, 1, kI64Max, si64, false, kI64Max, kI64Max},  // f32(INT64_MAX) is 2^63, whose conversion saturates
