@@ -7,11 +7,7 @@
 #include <bit>
 #include <cmath>
 #include <functional>
-#include <limits>
 #include <random>
-#include <string>
-#include <utility>
-#include <vector>
 
 #include "TestUtil.h"
 
@@ -102,13 +98,8 @@ inline void expectFailures(const Failures& cases) {
 
 /// `call` stops the process with the unknown element type trap for `type`.
 inline void expectTypeTrap(const std::function<void()>& call, ElementType type) {
-  EXPECT_DEATH(
-      {
-        logToStderr();
-        call();
-      },
-      std::string("2\\|trapped at include/kora/Core/ElementType, line [0-9]+\n2\\|unknown element type: ") +
-          elementTypeName(type));
+  const std::string trap = "2\\|trapped at include/kora/Core/ElementType, line [0-9]+\n2\\|unknown element type: ";
+  EXPECT_DEATH({ logToStderr(); call(); }, trap + elementTypeName(type));
 }
 
 }  // namespace kora::test
