@@ -25,13 +25,8 @@ constexpr ElementType f32 = ElementType::f32, si8 = ElementType::si8, si16 = Ele
 std::vector<int64_t> quantized(const std::vector<float>& x, ElementType type, std::vector<double> scale,
                                std::vector<int64_t> zero, bool narrow, bool halfEven) {
   Tensor out = Tensor::create(type, {long(x.size())});
-  Status s = quant::Qcast(out, tensorOf<float>(f32, {long(x.size())}, x), scale, zero, false, 0, narrow, halfEven);
-  EXPECT_TRUE(s.ok()) << s.message();
-  std::vector<int64_t> result;
-  dispatch<IntegerTypes>(type, [&]<class T>() {
-    for (T v : valuesOf<T>(out)) result.push_back(int64_t(v));
-  });
-  return result;
+  EXPECT_EQ(quant::Qcast(out, tensorOf<float>(f32, {long(x.size())}, x), scale, zero, false, 0, narrow, halfEven).message(), "");
+  return valuesOf<int64_t>(out.cast(ElementType::si64));
 }
 
 }  // namespace
