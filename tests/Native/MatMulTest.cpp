@@ -61,7 +61,11 @@ Tensor matmul(const Tensor& lhs, const Tensor& rhs) {
   return runKernel(native::MatMulConfig, native::MatMul, Tensor(), lhs, rhs);
 }
 
-std::vector<uint32_t> floatBits(const std::vector<float>& v) { return bitsOf<float>(f32s({long(v.size())}, v)); }
+std::vector<uint32_t> floatBits(const std::vector<float>& v) {
+  std::vector<uint32_t> bits(v.size());
+  std::transform(v.begin(), v.end(), bits.begin(), [](float x) { return std::bit_cast<uint32_t>(x); });
+  return bits;
+}
 std::vector<uint16_t> halfBits(const std::vector<float>& v) {
   std::vector<uint16_t> bits(v.size());
   std::transform(v.begin(), v.end(), bits.begin(), [](float x) { return half(x).bits; });
