@@ -1,18 +1,18 @@
 // The floating post-process on hand-worked elements (the ties of intToFp24
-// near 2^16, fp24 rounding where float32 would differ, the output
-// narrowing), against a reference computed in double with a separate
-// 16-bit rounding, and its trace lines and checks; and the MAC in front.
+// near 2^16, fp24 rounding where float32 would differ, the specials, the
+// output narrowing), against a reference computed in double with a separate
+// 16-bit rounding, against the soft-float steps on edge values for every
+// output type, its trace lines and checks; and the float quant-info
+// generator.
 #include <gtest/gtest.h>
 
 #include <cmath>
-#include <random>
 
 #include "Vela/VelaTestUtil.h"
 
 using namespace kora;
 using namespace kora::lyra::intrinsic;
-using test::tensorOf;
-using test::valuesOf;
+using namespace kora::test;
 
 namespace {
 
@@ -30,8 +30,8 @@ Tensor floatRowsOf(const std::vector<FloatRow>& rows) {
 template <class T>
 T fpp(int32_t psum, FloatRow row, bool relu, bool round, const Tensor& sumin = Tensor()) {
   Tensor out = Tensor::create(elementTypeOf<T>, {1, 1});
-  const Status s =
-      TaeConvFPP(out, tensorOf<int32_t>(ElementType::si32, {1, 1}, {psum}), floatRowsOf({row}), sumin, relu, round, false);
+  const Status s = TaeConvFPP(out, tensorOf<int32_t>(ElementType::si32, {1, 1}, {psum}), floatRowsOf({row}), sumin,
+                              relu, round, false);
   EXPECT_TRUE(s.ok()) << s.message();
   return valuesOf<T>(out)[0];
 }
@@ -50,21 +50,10 @@ double round16(double x) {
   return std::ldexp(std::rint(std::ldexp(x, 16 - e)), e - 16);
 }
 
-/// A bias that, added to products of a few units, makes cancellations and
-/// ties.
-float biasOf(long k, std::mt19937& rng) {
-  return float(int(rng() % 2001) - 1000) / float(1 << (k % 6));
-}
-
 }  // namespace
 
-TEST(TaeConvFPP, HandWorkedElementsInF32) {
-  struct Case {
-    const char* what;
-    int32_t psum;
-    FloatRow row;
-    float expected;
-  };
+TEST(LyraFloatPostProcess, HandWorkedElementsInF32) {
+  struct Case { const char* what; int32_t psum; FloatRow row; float expected; };
   const Case cases[] = {
       {"65537 is a tie in fp24: to even 65536", 65537, {0, 0, 1}, 65536},
       {"65539 ties to even 65540", 65539, {0, 0, 1}, 65540},
@@ -81,21 +70,15 @@ TEST(TaeConvFPP, HandWorkedElementsInF32) {
       {"a subnormal scale reads as zero", 1, {0, 0, fromBits(0x00400000)}, 0},
   };
   for (const Case& c : cases) EXPECT_EQ(fpp<float>(c.psum, c.row, false, false), c.expected) << c.what;
-}
-
-TEST(TaeConvFPP, ReluAndTheNarrowingToEachOutputType) {
-  // relu: every value not above 0, NaN included, becomes +0.
+  // relu: every value not above 0, NaN and -0 included, becomes +0.
   EXPECT_EQ(std::bit_cast<uint32_t>(fpp<float>(3, {-10, 0, 1}, true, false)), 0u);
   EXPECT_EQ(std::bit_cast<uint32_t>(fpp<float>(0, {-0.0f, 0, 1}, true, false)), 0u) << "-0 becomes +0";
   EXPECT_EQ(std::bit_cast<uint32_t>(fpp<float>(0, {NAN, 0, 1}, true, false)), 0u);
   EXPECT_TRUE(std::isnan(fpp<float>(0, {NAN, 0, 1}, false, false)));
-  struct Case {
-    const char* what;
-    int32_t psum;
-    FloatRow row;
-    int32_t nearest8, towardZero8;
-    uint16_t nearest16, towardZero16, nearestBf16, towardZeroBf16;
-  };
+}
+
+TEST(LyraFloatPostProcess, TheNarrowingToEachOutputType) {
+  struct Case { const char* what; int32_t psum; FloatRow row; int32_t nearest8, towardZero8; uint16_t nearest16, towardZero16, nearestBf16, towardZeroBf16; };
   const Case cases[] = {
       {"2.5: ties to even", 5, {0, 0, 0.5f}, 2, 2, 0x4100, 0x4100, 0x4020, 0x4020},
       {"3.5", 7, {0, 0, 0.5f}, 4, 3, 0x4300, 0x4300, 0x4060, 0x4060},
@@ -123,15 +106,15 @@ TEST(TaeConvFPP, ReluAndTheNarrowingToEachOutputType) {
   EXPECT_EQ(fpp<int32_t>(0, {NAN, 0, 1}, false, true), 0) << "NaN gives 0";
 }
 
-TEST(TaeConvFPP, SuminOfEachFloatTypeIsCutScaledAndAdded) {
+TEST(LyraFloatPostProcess, SuminOfEachFloatTypeIsCutScaledAndAdded) {
   // 1000 * 0.1 + (0.5 + 2.7 * 0.3), each step in fp24: hand-worked patterns
   // 0x3f4f5a (2.69995 * 0.299995), 0x3fa7ad, 0x42c7ff, 0x42ca9e.
-  const Tensor f32Sumin = tensorOf<float>(ElementType::f32, {1, 1}, {2.7f});
-  EXPECT_EQ(fpp<float>(1000, {0.5f, 0.3f, 0.1f}, false, false, f32Sumin), fromBits(0x42ca9e00));
-  // An f16 sumin is widened exactly: 2.69921875 in f16 is 0x4166.
+  EXPECT_EQ(fpp<float>(1000, {0.5f, 0.3f, 0.1f}, false, false, tensorOf<float>(ElementType::f32, {1, 1}, {2.7f})),
+            fromBits(0x42ca9e00));
+  // An f16 sumin is widened exactly: 2.69921875 in f16 is 0x4166; 2.69921875 *
+  // 0.299995 = 0.80975 -> 0x3f4f4c; + 0.5 -> 0x3fa7a6; + 99.998 -> 0x42ca9e.
   Tensor f16Sumin = Tensor::create(ElementType::f16, {1, 1});
   f16Sumin.data<half>()[0] = half::fromBits(0x4166);
-  // 2.69921875 * 0.299995 = 0.80975 -> 0x3f4f4c; + 0.5 -> 0x3fa7a6; + 99.998 -> 0x42ca9e.
   EXPECT_EQ(fpp<float>(1000, {0.5f, 0.3f, 0.1f}, false, false, f16Sumin), fromBits(0x42ca9e00));
   EXPECT_EQ(fpp<float>(0, {0.5f, 0.3f, 0.1f}, false, false, f16Sumin), fromBits(0x3fa7a600));
   EXPECT_EQ(fpp<float>(0, {0, 1, 1}, false, false, tensorOf<float>(ElementType::f32, {1, 1}, {fromBits(0x3f8000ff)})),
@@ -139,7 +122,7 @@ TEST(TaeConvFPP, SuminOfEachFloatTypeIsCutScaledAndAdded) {
       << "the sumin is cut to fp24";
 }
 
-TEST(TaeConvFPP, MatchesADoubleReferenceWithSeparateRounding) {
+TEST(LyraFloatPostProcess, MatchesADoubleReferenceWithSeparateRounding) {
   std::mt19937 rng(81);
   const long K = 8, n = 64;
   std::uniform_real_distribution<float> biasDist(-100, 100), suminDist(-100, 100);
@@ -166,43 +149,44 @@ TEST(TaeConvFPP, MatchesADoubleReferenceWithSeparateRounding) {
   }
 }
 
-TEST(TaeConvFPP, EveryOutputTypeEqualsTheSoftFloatStepsOnEdgePsums) {
+TEST(LyraFloatPostProcess, EveryOutputTypeEqualsTheSoftFloatStepsOnEdgeValues) {
   // The kernel against its definition composed from the library's soft-float
   // steps (each verified against MPFR): psums at the ties near 2^16 and 2^24,
   // around powers of two, the int32 ends, zero and random ones; channels
   // whose scale and bias make ties and cancellations; 21 channels, so that
-  // blocks and the remainder are both taken; every output type and flag;
-  // no sumin, an f32 and an f16 sumin, with rows holding sumins (a tiny one,
-  // infinity, NaN, a huge one) that no fast arithmetic could take.
+  // vectorised blocks and the remainder are both taken; every output type and
+  // flag; no sumin, an f32 and an f16 sumin, with rows holding sumins (tiny,
+  // infinite, NaN, huge) that no fast arithmetic could take; strided operands.
   using namespace softfloat;
   std::vector<int32_t> psums = {0, 1, -1, 65535, 65536, 65537, 65539, 65541, -65537, -65539, 16777217, -16777219,
                                 INT32_MAX, INT32_MIN, INT32_MIN + 1, 131075, 131078};
   for (int e = 1; e < 31; ++e)
     for (int32_t d : {-3, -1, 0, 1, 3}) psums.push_back(int32_t((int64_t(1) << e) + d));
   std::mt19937 rng(83);
-  while (psums.size() % 21 != 0 || psums.size() < 21 * 12) psums.push_back(int32_t(rng()) >> (rng() % 31));
-  const long K = 21, n = long(psums.size()) / K;
+  const long K = 21;
+  while (psums.size() % K != 0 || psums.size() < 21 * 12) psums.push_back(int32_t(rng()) >> (rng() % 31));
+  const long n = long(psums.size()) / K;
+  auto uniform = [&](float lo, float hi) { return std::uniform_real_distribution<float>(lo, hi)(rng); };
   std::vector<FloatRow> rows;
   for (long k = 0; k < K; ++k) {
-    const float scale = k % 7 == 0 ? 1.0f : std::ldexp(std::uniform_real_distribution<float>(1, 2)(rng), int(k % 9) - 6);
-    const float bias = k % 5 == 0 ? -0.5f : k % 5 == 1 ? 0.0f : k % 5 == 2 ? -0.0f : biasOf(k, rng);
-    const float suminScale = k % 4 == 0 ? 0.0f : std::ldexp(std::uniform_real_distribution<float>(1, 2)(rng), -int(k % 6));
-    rows.push_back({bias, suminScale, k % 3 == 1 ? -scale : scale});
+    const float scale = k % 7 == 0 ? 1.0f : std::ldexp(uniform(1, 2), int(k % 9) - 6);
+    const float bias = k % 5 == 0   ? -0.5f
+                       : k % 5 == 1 ? 0.0f
+                       : k % 5 == 2 ? -0.0f
+                                    : float(int(rng() % 2001) - 1000) / float(1 << (k % 6));
+    rows.push_back({bias, k % 4 == 0 ? 0.0f : std::ldexp(uniform(1, 2), -int(k % 6)), k % 3 == 1 ? -scale : scale});
   }
   std::vector<float> suminValues(psums.size());
   for (size_t i = 0; i < suminValues.size(); ++i)  // ties and cancellations with the bias, or bits to cut
-    suminValues[i] = i % 3 ? float(int(rng() % 4001) - 2000) / 256 : std::uniform_real_distribution<float>(-9, 9)(rng);
-  for (long i = 0; i < n * K; i += 37) suminValues[size_t(i)] = i % 2 ? 0.0f : -0.0f;
-  // In odd rows, at a small psum of a channel with a zero bias: products that
-  // fp24 flushes or overflows, infinities, NaN, a subnormal.
-  const float odd[] = {2e-38f, -1.5e-38f, 1e-20f, INFINITY, NAN, 3e38f, -INFINITY, std::bit_cast<float>(0x00000123u)};
+    suminValues[i] = i % 37 == 0 ? (i % 2 ? 0.0f : -0.0f) : i % 3 ? float(int(rng() % 4001) - 2000) / 256 : uniform(-9, 9);
+  const float odd[] = {2e-38f, -1.5e-38f, 1e-20f, INFINITY, NAN, 3e38f, -INFINITY, fromBits(0x00000123u)};
   for (long r = 1; r < n; r += 2) suminValues[size_t(r * K + (r % 4 == 1 ? 11 : 7))] = odd[size_t(r / 2) % 8];
   // With sumin, every other psum is made small so that the sumin's bits show.
   std::vector<int32_t> mixed = psums;
   for (size_t i = 0; i < mixed.size(); i += 2) mixed[i] = mixed[i] / (1 << 26);
   const Tensor f32Sumin = tensorOf<float>(ElementType::f32, {n, K}, suminValues);
-  Tensor f16Sumin = Tensor::create(ElementType::f16, {n, K});
-  for (long i = 0; i < n * K; ++i) f16Sumin.data<half>()[i] = half(suminValues[size_t(i)]);
+  const Tensor f16Sumin = convertedTensor(ElementType::f16, {n, K}, suminValues);
+  const Tensor quant = floatRowsOf(rows);
 
   for (int withSumin = 0; withSumin < 3; ++withSumin) {
     const Tensor sumin = withSumin == 0 ? Tensor() : withSumin == 1 ? f32Sumin : f16Sumin;
@@ -215,59 +199,54 @@ TEST(TaeConvFPP, EveryOutputTypeEqualsTheSoftFloatStepsOnEdgePsums) {
         const float s = withSumin == 1 ? suminValues[size_t(i)] : f16Sumin.data<half>()[i].toFloat();
         addBias = fp24Add(addBias, fp24Mul(float32ToFp24(s), float32ToFp24(q.suminScale)));
       }
-      uint32_t res = fp24Add(fp24Mul(intToFp24(psumValues[size_t(i)]), float32ToFp24(q.scale)), addBias);
-      if (relu && !(f24ToF32(res) > 0)) res = 0;
-      return res;
+      const uint32_t res = fp24Add(fp24Mul(intToFp24(psumValues[size_t(i)]), float32ToFp24(q.scale)), addBias);
+      return relu && !(f24ToF32(res) > 0) ? 0u : res;
     };
-    for (bool relu : {false, true})
-      for (bool round : {false, true}) {
-        const FloatRounding mode = round ? FloatRounding::NearestEven : FloatRounding::TowardZero;
-        auto run = [&](ElementType type) {
-          Tensor out = Tensor::create(type, {n, K});
-          EXPECT_TRUE(TaeConvFPP(out, psum, floatRowsOf(rows), sumin, relu, round, false).ok());
-          return out;
-        };
-        const auto f32 = test::bitsOf<float>(run(ElementType::f32));
-        const auto f16 = test::bitsOf<half>(run(ElementType::f16));
-        const auto bf16 = test::bitsOf<bfloat16>(run(ElementType::vbf16));
-        const auto i8 = valuesOf<int8_t>(run(ElementType::si8));
-        const auto i16 = valuesOf<int16_t>(run(ElementType::si16));
-        const auto i32 = valuesOf<int32_t>(run(ElementType::si32));
-        for (long i = 0; i < n * K; ++i) {
-          const uint32_t v = expectedOf(i, relu);
-          ASSERT_EQ(f32[size_t(i)], fp24ToFp32Bits(v)) << i << " sumin " << withSumin;
-          ASSERT_EQ(f16[size_t(i)], convert(v, kFp24, kFp16, mode)) << i;
-          ASSERT_EQ(bf16[size_t(i)], convert(v, kFp24, kBf16, mode)) << i;
-          ASSERT_EQ(i8[size_t(i)], fp24ToInt(v, INT8_MIN, INT8_MAX, mode)) << i;
-          ASSERT_EQ(i16[size_t(i)], fp24ToInt(v, INT16_MIN, INT16_MAX, mode)) << i;
-          ASSERT_EQ(i32[size_t(i)], fp24ToInt(v, INT32_MIN, INT32_MAX, mode)) << i;
-        }
+    for (int flags = 0; flags < 4; ++flags) {
+      const bool relu = flags & 1, round = flags & 2;
+      const FloatRounding mode = round ? FloatRounding::NearestEven : FloatRounding::TowardZero;
+      auto run = [&](ElementType type) {
+        Tensor out = Tensor::create(type, {n, K});
+        EXPECT_TRUE(TaeConvFPP(out, psum, quant, sumin, relu, round, false).ok());
+        return out;
+      };
+      const auto f32 = bitsOf<float>(run(ElementType::f32));
+      const auto f16 = bitsOf<half>(run(ElementType::f16)), bf16 = bitsOf<bfloat16>(run(ElementType::vbf16));
+      const auto i8 = integersOf(run(ElementType::si8)), i16 = integersOf(run(ElementType::si16)),
+                 i32 = integersOf(run(ElementType::si32));
+      for (long i = 0; i < n * K; ++i) {
+        const uint32_t v = expectedOf(i, relu);
+        ASSERT_EQ(f32[size_t(i)], fp24ToFp32Bits(v)) << i << " sumin " << withSumin;
+        ASSERT_EQ(f16[size_t(i)], convert(v, kFp24, kFp16, mode)) << i;
+        ASSERT_EQ(bf16[size_t(i)], convert(v, kFp24, kBf16, mode)) << i;
+        ASSERT_EQ(i8[size_t(i)], fp24ToInt(v, INT8_MIN, INT8_MAX, mode)) << i;
+        ASSERT_EQ(i16[size_t(i)], fp24ToInt(v, INT16_MIN, INT16_MAX, mode)) << i;
+        ASSERT_EQ(i32[size_t(i)], fp24ToInt(v, INT32_MIN, INT32_MAX, mode)) << i;
       }
+    }
     // Strided output, psum and sumin give the same values.
-    Tensor wideOut = Tensor::create(ElementType::si8, {n, 2 * K}), widePsum = Tensor::create(ElementType::si32, {n, 2 * K});
-    Tensor stridedOut = wideOut.slice(1, 0, 2 * K, 2), stridedPsum = widePsum.slice(1, 1, 2 * K, 2);
+    Tensor stridedOut = Tensor::create(ElementType::si8, {n, 2 * K}).slice(1, 0, 2 * K, 2);
+    Tensor stridedPsum = Tensor::create(ElementType::si32, {n, 2 * K}).slice(1, 1, 2 * K, 2), stridedSumin;
     copyElements(stridedPsum, psum);
-    Tensor stridedSumin;
     if (withSumin) {
-      Tensor wideSumin = Tensor::create(sumin.elementType(), {n, 2 * K});
-      stridedSumin = wideSumin.slice(1, 1, 2 * K, 2);
+      stridedSumin = Tensor::create(sumin.elementType(), {n, 2 * K}).slice(1, 1, 2 * K, 2);
       copyElements(stridedSumin, sumin);
     }
-    ASSERT_TRUE(TaeConvFPP(stridedOut, stridedPsum, floatRowsOf(rows), stridedSumin, true, true, false).ok());
+    ASSERT_TRUE(TaeConvFPP(stridedOut, stridedPsum, quant, stridedSumin, true, true, false).ok());
     const auto strided = valuesOf<int8_t>(stridedOut);
     for (long i = 0; i < n * K; ++i)
       ASSERT_EQ(strided[size_t(i)], fp24ToInt(expectedOf(i, true), INT8_MIN, INT8_MAX, FloatRounding::NearestEven));
   }
 }
 
-TEST(TaeConvFPP, TraceShowsEveryFp24Step) {
+TEST(LyraFloatPostProcess, TraceShowsEveryFp24Step) {
   Tensor out = Tensor::create(ElementType::si8, {1, 2});
-  const Tensor sumin = tensorOf<float>(ElementType::f32, {1, 2}, {0, 2.7f});
   test::TraceCapture capture;
   {
     test::ScopedTracePoint point({0, 1});
     ASSERT_TRUE(TaeConvFPP(out, tensorOf<int32_t>(ElementType::si32, {1, 2}, {0, 1000}),
-                           floatRowsOf({{0, 0, 0}, {0.5f, 0.3f, 0.1f}}), sumin, true, true, false)
+                           floatRowsOf({{0, 0, 0}, {0.5f, 0.3f, 0.1f}}),
+                           tensorOf<float>(ElementType::f32, {1, 2}, {0, 2.7f}), true, true, false)
                     .ok());
   }
   EXPECT_EQ(capture.lines(), (std::vector<std::string>{
@@ -287,57 +266,48 @@ TEST(TaeConvFPP, TraceShowsEveryFp24Step) {
                                  "intRes = fp24ToInt(intRes) // 101",
                              }));
   EXPECT_EQ(valuesOf<int8_t>(out)[1], 101);
-  // A half sumin and a half output, without relu.
-  Tensor halfOut = Tensor::create(ElementType::f16, {1, 1});
+  // A half sumin and half and bf16 outputs, without relu.
   Tensor halfSumin = Tensor::create(ElementType::f16, {1, 1});
   halfSumin.data<half>()[0] = half::fromBits(0x4166);
-  test::TraceCapture again;
-  {
+  for (ElementType type : {ElementType::f16, ElementType::vbf16}) {
+    Tensor halfOut = Tensor::create(type, {1, 1});
+    test::TraceCapture again;
     test::ScopedTracePoint point({0, 0});
     ASSERT_TRUE(TaeConvFPP(halfOut, tensorOf<int32_t>(ElementType::si32, {1, 1}, {2051}), floatRowsOf({{0, 1, 1}}),
                            halfSumin, false, false, false)
                     .ok());
+    const auto lines = again.lines();
+    ASSERT_EQ(lines.size(), 13u);
+    EXPECT_EQ(lines[3], "fp32Sumin = halfToF24(2.6992188) // 0x402cc000(2.6992188)");
+    EXPECT_EQ(lines[11], "fp32Res = f24ToF32(fp24Res) // 0x45005b00(2053.6875)");
+    EXPECT_EQ(lines[12], type == ElementType::f16 ? "fout[0, 0] = fp32ToFp16(fp32Res) // 0x6802(2052)"
+                                                  : "fout[0, 0] = fp32ToBf16(fp32Res) // 0x4500(2048)");
   }
-  const auto lines = again.lines();
-  ASSERT_EQ(lines.size(), 13u);
-  EXPECT_EQ(lines[3], "fp32Sumin = halfToF24(2.6992188) // 0x402cc000(2.6992188)");
-  EXPECT_EQ(lines[11], "fp32Res = f24ToF32(fp24Res) // 0x45005b00(2053.6875)");
-  EXPECT_EQ(lines[12], "fout[0, 0] = fp32ToFp16(fp32Res) // 0x6802(2052)");
 }
 
-TEST(TaeConvFPP, ChecksInOrderWriteNothing) {
-  struct Case {
-    ElementType psumType;
-    std::vector<long> psum, fout, quant;
-    ElementType quantType, foutType;
-    Tensor sumin;
-    bool perTensor;
-    const char* expected;
-  };
+TEST(LyraFloatPostProcess, ChecksInOrderWriteNothing) {
+  struct Case { ElementType psumType; std::vector<long> psum, fout, quant; ElementType quantType, foutType; Tensor sumin; const char* expected; };
   const ElementType si8 = ElementType::si8, si32 = ElementType::si32, si64 = ElementType::si64,
                     f32 = ElementType::f32, f64 = ElementType::f64;
   const Case cases[] = {
-      {si8, {2, 3}, {2, 3}, {3, 3}, f32, f32, {}, false, "psum must be si32"},
-      {si32, {2, 3}, {3, 2}, {3, 3}, f32, f32, {}, false, "shape of psum and fout must be identical"},
-      {si32, {2, 3}, {2, 3}, {3, 3}, si64, f32, {}, false, "float quantInfo must be f32"},
-      {si32, {2, 3}, {2, 3}, {9}, f32, f32, {}, false, "quantInfo rank must be either 2 or 3"},
-      {si32, {2, 3}, {2, 3}, {3, 6}, f32, f32, {}, false, "float quantInfo axis -1 must be 3"},
-      {si32, {}, {}, {3, 3}, f32, f32, {}, false, "psum must have a channel axis"},
-      {si32, {2, 3}, {2, 3}, {4, 3}, f32, f32, {}, false, "quantInfo axis -2 must be identical to psum axis -1"},
-      {si32, {2, 3}, {2, 3}, {3, 3, 3}, f32, f32, {}, false, "quantInfo axis 0 must be 1 or psum axis 0"},
-      {si32, {2, 3}, {2, 3}, {3, 3}, f32, f64, {}, false, "fout must be f32, f16, bf16, si8, si16 or si32"},
-      {si32, {2, 3}, {2, 3}, {3, 3}, f32, f32, Tensor::create(si8, {2, 3}), false, "sumin must be f32 or f16"},
-      {si32, {2, 3}, {2, 3}, {3, 3}, f32, f32, Tensor::create(f32, {2, 1, 3}), false,
-       "shape of psum and sumin must be identical"},
+      {si8, {2, 3}, {2, 3}, {3, 3}, f32, f32, {}, "psum must be si32"},
+      {si32, {2, 3}, {3, 2}, {3, 3}, f32, f32, {}, "shape of psum and fout must be identical"},
+      {si32, {2, 3}, {2, 3}, {3, 3}, si64, f32, {}, "float quantInfo must be f32"},
+      {si32, {2, 3}, {2, 3}, {9}, f32, f32, {}, "quantInfo rank must be either 2 or 3"},
+      {si32, {2, 3}, {2, 3}, {3, 6}, f32, f32, {}, "float quantInfo axis -1 must be 3"},
+      {si32, {}, {}, {3, 3}, f32, f32, {}, "psum must have a channel axis"},
+      {si32, {2, 3}, {2, 3}, {4, 3}, f32, f32, {}, "quantInfo axis -2 must be identical to psum axis -1"},
+      {si32, {2, 3}, {2, 3}, {3, 3, 3}, f32, f32, {}, "quantInfo axis 0 must be 1 or psum axis 0"},
+      {si32, {2, 3}, {2, 3}, {3, 3}, f32, f64, {}, "fout must be f32, f16, bf16, si8, si16 or si32"},
+      {si32, {2, 3}, {2, 3}, {3, 3}, f32, f32, Tensor::create(si8, {2, 3}), "sumin must be f32 or f16"},
+      {si32, {2, 3}, {2, 3}, {3, 3}, f32, f32, Tensor::create(f32, {2, 1, 3}), "shape of psum and sumin must be identical"},
   };
   for (const Case& c : cases) {
-    Tensor fout = Tensor::create(c.foutType, c.fout);
-    for (uint8_t& b : fout.data<uint8_t>()) b = 0x5a;
-    Tensor quant = Tensor::create(c.quantType, c.quant);
-    for (uint8_t& b : quant.data<uint8_t>()) b = 0;
-    EXPECT_EQ(TaeConvFPP(fout, Tensor::create(c.psumType, c.psum), quant, c.sumin, false, false, c.perTensor).message(),
-              c.expected);
-    for (uint8_t b : fout.data<uint8_t>()) ASSERT_EQ(b, 0x5a) << c.expected;
+    Tensor fout = filled(c.foutType, c.fout, 0x5a);
+    const std::string before = storageBytes(fout);
+    EXPECT_EQ(TaeConvFPP(fout, Tensor::create(c.psumType, c.psum), filled(c.quantType, c.quant, 0), c.sumin, false,
+                         false, false).message(), c.expected);
+    EXPECT_EQ(storageBytes(fout), before) << c.expected;
   }
   // Per tensor, one row serves every channel.
   Tensor out = Tensor::create(ElementType::f32, {1, 3});
@@ -347,30 +317,63 @@ TEST(TaeConvFPP, ChecksInOrderWriteNothing) {
   EXPECT_EQ(valuesOf<float>(out), (std::vector<float>{3, 5, 7}));
 }
 
-TEST(TaeConvMacFPP, TheMacThenTheFloatingPostProcess) {
-  std::mt19937 rng(82);
-  const Tensor fin = test::randomTensor8({1, 5, 5, 6}, rng), weight = test::randomTensor8({4, 3, 3, 6}, rng);
-  const test::ConvShape shape{{0, 1}, 5, {1, 1}, {1, 1}, 1};
-  const Tensor quant = floatRowsOf({{0.5f, 0, 0.01f}, {-2, 0, 0.003f}, {7, 0, 1}, {0, 0, 0.25f}});
-  Tensor fout = Tensor::create(ElementType::vbf16, {1, 3, 4, 4});
-  const Tensor noPsum;
-  ASSERT_TRUE(TaeConvMacFPP(fout, fin, weight, quant, Tensor(), noPsum, 5, {0, 1}, {1, 1}, {1, 1}, 1, true, true, false)
-                  .ok());
-  Tensor zeros = Tensor::create(ElementType::si32, {1, 3, 4, 4});
-  for (int32_t& v : zeros.data<int32_t>()) v = 0;
-  const Tensor acc = tensorOf<int32_t>(ElementType::si32, {1, 3, 4, 4}, test::referenceConv(zeros, fin, weight, shape));
-  Tensor expected = Tensor::create(ElementType::vbf16, {1, 3, 4, 4});
-  ASSERT_TRUE(TaeConvFPP(expected, acc, quant, Tensor(), true, true, false).ok());
-  EXPECT_EQ(test::bitsOf<bfloat16>(fout), test::bitsOf<bfloat16>(expected));
-  EXPECT_EQ(TaeConvMacFPP(fout, fin, weight, quant, Tensor(), noPsum, 5, {0, 1}, {1}, {1, 1}, 1, true, true, false)
-                .message(),
-            "wrong size of stride, dilation");
-  EXPECT_EQ(TaeConvMacFPP(fout, fin, weight, Tensor::create(ElementType::f32, {3, 3}), Tensor(), noPsum, 5, {0, 1},
-                          {1, 1}, {1, 1}, 1, true, true, false)
-                .message(),
-            "quantInfo axis -2 must be identical to psum axis -1");
-  EXPECT_EQ(TaeConvMacFPP(fout, fin, weight, quant, Tensor(), Tensor::create(ElementType::f32, {1, 3, 4, 4}), 5,
-                          {0, 1}, {1, 1}, {1, 1}, 1, true, true, false)
-                .message(),
-            "psum must be si32");
+// ---------------------------------------------------------------------------
+
+TEST(LyraGenFloatQuantInfo, ValuesAreFoldedAndRoundedToTheNearestFp24) {
+  const Tensor bias = tensorOf<float>(ElementType::f32, {2}, {1.0f, -2.0f});
+  const Tensor weight = tensorOf<int8_t>(ElementType::si8, {2, 1, 1, 2}, {3, 4, -1, 0});
+  Tensor out = Tensor::create(ElementType::f32, {2, 3});
+  // scale = 0.5 * {0.1, 0.2} / 0.25 = {0.2, 0.4}; suminScale = 0.3 / 0.25 =
+  // 1.2; bias = (real bias / acc scale - 2 * weight sum) * scale + 3 =
+  // (20 - 14) * 0.2 + 3 = 4.2 and (-20 + 2) * 0.4 + 3 = -4.2.
+  ASSERT_TRUE(GenFloatQuantInfo(out, weight, bias, {0.5}, 2, {0.1, 0.2}, {0.3}, {0.25}, 3).ok());
+  // Nearest fp24 (16 bits): 4.2 -> 0x408666, 1.2 -> 0x3f999a, 0.2 -> 0x3e4ccd,
+  // 0.4 -> 0x3ecccd (the float32 cut would give ...666, ...999, ...ccc, ...ccc).
+  EXPECT_EQ(bitsOf<float>(out), (std::vector<uint32_t>{0x40866600, 0x3f999a00, 0x3e4ccd00, 0xc0866600, 0x3f999a00,
+                                                       0x3ecccd00}));
+  // Without sumin the suminScale is 0; an si32 bias is in accumulator units.
+  ASSERT_TRUE(GenFloatQuantInfo(out, Tensor(), tensorOf<int32_t>(ElementType::si32, {2}, {10, -10}), {1}, 0, {0.5}, {},
+                                {1}, 0).ok());
+  EXPECT_EQ(valuesOf<float>(out), (std::vector<float>{5, 0, 0.5f, -5, 0, 0.5f}));
+}
+
+TEST(LyraGenFloatQuantInfo, ChecksInOrder) {
+  struct Case { ElementType type; std::vector<long> quant; Tensor bias; double fout; const char* expected; };
+  const ElementType f32 = ElementType::f32;
+  const Case cases[] = {
+      {f32, {1, 3, 1}, {}, 1, "quantInfo must be rank of 2"},
+      {f32, {1, 3}, tensorOf<float>(f32, {1, 1}, {0}), 1, "bias must be rank of 1"},
+      {f32, {1, 6}, {}, 1, "quantInfo axis 1 size must be 3"},
+      {f32, {1, 3}, tensorOf<float>(f32, {2}, {0, 0}), 1, "quantInfo and bias axis 0 size must be identical"},
+      {ElementType::f64, {1, 3}, {}, 1, "float quantInfo must be f32"},
+      {f32, {1, 3}, tensorOf<int8_t>(ElementType::si8, {1}, {0}), 1, "bias must be f32, f64 or si32"},
+      {f32, {1, 3}, {}, -1, "fout scale must be positive and finite"},
+      {f32, {1, 3}, tensorOf<double>(ElementType::f64, {1}, {1e300}), 1, "can not get bias in range of fp24 on channel 0"},
+      {f32, {1, 3}, {}, 1e-300, "can not get scale in range of fp24 on channel 0"},
+      {f32, {1, 3}, {}, 1e300, "can not get scale in range of fp24 on channel 0"},  // nonzero, flushed to zero
+  };
+  for (const Case& c : cases) {
+    Tensor out = Tensor::create(c.type, c.quant);
+    EXPECT_EQ(GenFloatQuantInfo(out, Tensor(), c.bias, {1}, 0, {1}, {}, {c.fout}, 0).message(), c.expected);
+  }
+}
+
+TEST(LyraGenFloatQuantInfo, TheFloatingPostProcessThenComputesTheRealValue) {
+  std::mt19937 rng(92);
+  const long K = 3, n = 300;
+  const std::vector<double> weightScale = {0.013, 0.021, 0.0007};
+  Tensor quant = Tensor::create(ElementType::f32, {K, 3});
+  const Tensor bias = tensorOf<float>(ElementType::f32, {K}, {0.25f, -1.5f, 3.0f});
+  ASSERT_TRUE(GenFloatQuantInfo(quant, Tensor(), bias, {0.05}, 0, weightScale, {0.5}, {0.1}, 0).ok());
+  const Tensor psum = randomTensor32({n, K}, rng, -100000, 100000);
+  Tensor sumin = Tensor::create(ElementType::f32, {n, K});
+  for (float& v : sumin.data<float>()) v = std::uniform_real_distribution<float>(-8, 8)(rng);
+  Tensor out = Tensor::create(ElementType::f32, {n, K});
+  ASSERT_TRUE(TaeConvFPP(out, psum, quant, sumin, false, true, false).ok());
+  for (long i = 0; i < n * K; ++i) {
+    const double acc = psum.data<int32_t>()[i] * 0.05 * weightScale[size_t(i % K)];
+    const double real = (acc + bias.data<float>()[i % K] + sumin.data<float>()[i] * 0.5) / 0.1;
+    // Each of five fp24 steps errs by at most 2^-16 of its operands.
+    ASSERT_NEAR(out.data<float>()[i], real, 8 * std::ldexp(std::fabs(acc / 0.1) + 80, -16)) << i;
+  }
 }
