@@ -96,20 +96,17 @@ TEST(ConvLut, TraceLinesOfBothBanks) {
     std::vector<std::string> lines;
   };
   const Case cases[] = {
-      {-5,
-       {"lut trans: ", " value =     -5, max =      0, k =      1, b =      0, s =  0", " index =     -5",
+      {-5, {"lut trans: ", " value =     -5, max =      0, k =      1, b =      0, s =  0", " index =     -5",
         " index = clamp(-5, -32768, 32767) = res", " range 0", " lut interp: index =    -5  select =  -1",
         " odd = table[31] =  -4156", " even = table[32] =  -3904",
         " result = (diff * (1024 - interp)) >> 10 + even = (  -252 *      5) >> 10 +  -3904) =  -3906",
         " result >>= 8 =    -16"}},
-      {37,
-       {"lut trans: ", " value =     37, max =    200, k =    100, b =      0, s =  2", " index =    925",
+      {37, {"lut trans: ", " value =     37, max =    200, k =    100, b =      0, s =  2", " index =    925",
         " index = clamp(925, -32768, 32767) = res", " range 1", " lut interp: index =   925  select =   0",
         " odd = table[33] =  -3644", " even = table[32] =  -3904",
         " result = (diff * interp) >> 10 + even = (   260 *    925) >> 10 +  -3904) =  -3670",
         " result >>= 8 =    -15"}},
-      {300,
-       {"lut trans: ", " value =    300, max =      0, k =      1, b = 126976, s =  0", " index =  -3796",
+      {300, {"lut trans: ", " value =    300, max =      0, k =      1, b = 126976, s =  0", " index =  -3796",
         " index = clamp(-3796, -32768, 32767) = res", " range 2", " lut interp: index = -3796  select =  -4",
         " odd = table[29] =  -4636", " even = table[28] =  -4864",
         " result = (diff * interp) >> 10 + even = (   228 *    300) >> 10 +  -4864) =  -4798",

@@ -11,8 +11,6 @@ using namespace kora::test;
 
 namespace {
 
-bool runsOn(char gens, const Generation& g) { return gens == 'B' || gens == (g.second ? 'L' : 'V'); }
-
 template <class T>
 T ppOne(const Generation& g, int32_t psum, const Row& row, bool relu, bool round, const Tensor& sumin = Tensor()) {
   Tensor out = Tensor::create(elementTypeOf<T>, {1, 1});

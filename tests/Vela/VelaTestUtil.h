@@ -113,6 +113,9 @@ inline const Generation kLyra{
     &lyra::intrinsic::TaeConvPP, &lyra::intrinsic::TaeConvPPEncoded, &lyra::intrinsic::GenQuantInfo, "lyra::Conv2d"};
 inline const Generation* const kGenerations[] = {&kVela, &kLyra};
 
+/// Whether a table row marked 'B' (both), 'V' (the first) or 'L' (the second) runs on `g`.
+inline bool runsOn(char gens, const Generation& g) { return gens == 'B' || gens == (g.second ? 'L' : 'V'); }
+
 inline std::vector<int64_t> encodeRows(const Generation& g, const std::vector<Row>& rows, bool sumin32) {
   Tensor out = Tensor::create(ElementType::si64, {long(rows.size()), g.words(sumin32)});
   const Status s = g.encode(out, rowsOf(rows), sumin32);
