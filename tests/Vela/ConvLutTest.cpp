@@ -32,11 +32,7 @@ std::vector<int16_t> lut(const std::vector<int16_t>& x, const std::vector<int64_
 }  // namespace
 
 TEST(ConvLut, HandWorkedValues) {
-  struct Case {
-    int16_t x;
-    int16_t expected;
-    const char* how;
-  };
+  struct Case { int16_t x; int16_t expected; const char* how; };
   const Case cases[] = {
       {-5, -16, "range 0, index -5: select -1, left table[31] is odd: -3904 + (-252 * 5 >> 10) = -3906, >> 8"},
       {37, -15, "range 1, index 925: left table[32] is even: -3904 + (260 * 925 >> 10) = -3670, >> 8"},
@@ -51,12 +47,7 @@ TEST(ConvLut, HandWorkedValues) {
 TEST(ConvLut, IndexIsASigned17BitNumberThenClamped) {
   // One range everywhere: index = (k x + b) >> s.
   auto one = [](int64_t k, int64_t b, int64_t s) { return std::vector<int64_t>{32767, k, b, s, 32767, k, b, s, 0, k, b, s}; };
-  struct Case {
-    int16_t x;
-    std::vector<int64_t> ranges;
-    int16_t expected;
-    const char* how;
-  };
+  struct Case { int16_t x; std::vector<int64_t> ranges; int16_t expected; const char* how; };
   const Case cases[] = {
       {20000, one(2, 0, 0), 32, "40000 fits 17 bits, clamps to 32767: table[63..64] -> 8383 >> 8"},
       {20000, one(4, 0, 0), -32, "80000 sets bit 16: negative, clamps to -32768"},
@@ -91,10 +82,7 @@ TEST(ConvLut, EveryIntervalRunsFromItsLeftEntryTowardItsRightOne) {
 }
 
 TEST(ConvLut, TraceLinesOfBothBanks) {
-  struct Case {
-    int16_t x;
-    std::vector<std::string> lines;
-  };
+  struct Case { int16_t x; std::vector<std::string> lines; };
   const Case cases[] = {
       {-5, {"lut trans: ", " value =     -5, max =      0, k =      1, b =      0, s =  0", " index =     -5",
         " index = clamp(-5, -32768, 32767) = res", " range 0", " lut interp: index =    -5  select =  -1",

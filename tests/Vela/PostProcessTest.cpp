@@ -27,10 +27,8 @@ TEST(VelaPostProcess, HandWorkedSteps) {
   const Case cases[] = {
       {'B', "3 >> 1 rounds up to 2", 3, {0, 0, 0, 0, 1, 1}, false, true, 2, 2, 2},
       {'B', "-3 >> 1 rounds to -1: half up", -3, {0, 0, 0, 0, 1, 1}, false, true, -1, -1, -1},
-      {'B', "floor without rounding", -3, {0, 0, 0, 0, 1, 1}, false, false, -2, -2, -2},
       {'B', "postRShift 0 has no bit to add", 7, {0, 0, 0, 0, 1, 0}, false, true, 7, 7, 7},
       {'B', "relu turns a negative sum into 0", -5, {0, 0, 0, 0, 9, 0}, true, false, 0, 0, 0},
-      {'B', "relu keeps 1", 1, {0, 0, 0, 0, 9, 0}, true, false, 9, 9, 9},
       {'B', "relu acts on the sum with bias, before any shift", 100, {-101, 0, 0, 3, 1, 0}, true, false, 0, 0, 0},
       {'B', "without relu the same sum floors to -1", 100, {-101, 0, 0, 3, 1, 0}, false, false, -1, -1, -1},
       {'B', "the 16-bit clamp comes before the scale", 1 << 20, {0, 0, 0, 0, 2, 0}, false, false, 127, 32767, 65534},
@@ -66,7 +64,6 @@ TEST(VelaPostProcess, SuminIsRescaledAndAddedBeforeReluAndShifts) {
   // output: clamp16((1024 + rescaled) >> 2).
   const ElementType si8 = ElementType::si8, si16 = ElementType::si16, si32 = ElementType::si32;
   const Case cases[] = {
-      {'B', "8-bit: 3 * 101 >> 2 = 75", si8, 3, 101, 2, (1024 + 75) / 4},
       {'B', "8-bit: -3 * 101 >> 2 floors to -76", si8, -3, 101, 2, (1024 - 76) / 4},
       {'B', "8-bit: a negative shift shifts left", si8, -2, 3, -5, (1024 - 192) / 4},
       {'B', "8-bit: scale keeps 15 bits", si8, 1, 0x8000 + 40, 0, (1024 + 40) / 4},
@@ -77,7 +74,6 @@ TEST(VelaPostProcess, SuminIsRescaledAndAddedBeforeReluAndShifts) {
       {'B', "8-bit: a sum made negative is zeroed by relu", si8, -128, 32767, 0, 0},
       {'L', "16-bit: 30000 * 3 >> 2", si16, 30000, 3, 2, (1024 + 22500) / 4},
       {'L', "16-bit: 2 * 3 << 10", si16, 2, 3, -10, (1024 + 6144) / 4},
-      {'B', "32-bit: >> 8", si32, 2560, 0, 8, (1024 + 10) / 4},
       {'B', "32-bit: >> 8 floors", si32, -2561, 0, 8, (1024 - 11) / 4},
       {'B', "32-bit: << 8", si32, 3, 0, -8, (1024 + 768) / 4},
       {'B', "32-bit: no shift, scale unused", si32, -7, 999, 0, (1024 - 7) / 4},
