@@ -232,7 +232,7 @@ TEST(VelaPostProcess, ChecksInOrderAndWritesNothing) {
       {"quantInfo axis -2 must be greater or equal to psum axis -1", "quantInfo axis -2 must be identical to psum axis -1",
        false, false, psum, filled(si64, {2, 6}, 0), {}, si8},
       {"quantInfo axis -2 must be greater or equal to psum axis -1", "quantInfo axis -2 must be identical to psum axis -1",
-       false, true, psum, filled(si64, {0, 6}, 0), {}, si8},
+       false, true, psum, Tensor::create(si64, {0, 6}), {}, si8},
       {nullptr, "quantInfo axis -2 must be identical to psum axis -1", false, false, psum, filled(si64, {4, 6}, 0), {},
        si8},
       {nullptr, "quantInfo axis -2 must be identical to psum axis -1", false, true, psum, filled(si64, {2, 6}, 0), {},
