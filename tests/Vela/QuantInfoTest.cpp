@@ -1,6 +1,6 @@
-// Quant-info packing against hand-assembled words, round trips over every
-// valid field value, out-of-range fields, trace lines and checks; and the
-// generator's search against hand-worked scales.
+// Quant info of both generations: packing against hand-assembled words, the
+// edges of every field, round trips over every valid value, trace lines and
+// checks; and the generators' searches against hand-worked scales.
 #include <gtest/gtest.h>
 
 #include <cmath>
@@ -9,252 +9,263 @@
 #include "Vela/VelaTestUtil.h"
 
 using namespace kora;
-using namespace kora::vela::intrinsic;
-using test::tensorOf;
-using test::valuesOf;
+using namespace kora::test;
 
 namespace {
-
-using Row = std::array<int64_t, 6>;  // bias, suminScale, suminRShift, preRShift, scale, postRShift
-
-Tensor decodedOf(const std::vector<Row>& rows) {
-  std::vector<int64_t> flat;
-  for (const Row& r : rows) flat.insert(flat.end(), r.begin(), r.end());
-  return tensorOf<int64_t>(ElementType::si64, {long(rows.size()), 6}, flat);
-}
-
-std::vector<int64_t> encode(const std::vector<Row>& rows, long words) {
-  Tensor out = Tensor::create(ElementType::si64, {long(rows.size()), words});
-  const Status s = EncodeQuantInfo(out, decodedOf(rows));
-  EXPECT_TRUE(s.ok()) << s.message();
-  return valuesOf<int64_t>(out);
-}
-
-std::vector<int64_t> decode(const Tensor& encoded, int64_t channelBase = 0) {
-  Tensor out = Tensor::create(ElementType::si64, {encoded.dim(0), 6});
-  const Status s = DecodeQuantInfo(out, encoded, channelBase);
-  EXPECT_TRUE(s.ok()) << s.message();
-  return valuesOf<int64_t>(out);
-}
 
 int64_t word(uint64_t bits) { return int64_t(bits); }
 
 }  // namespace
 
-TEST(EncodeQuantInfo, PacksEveryFieldAndPicksTheHalfWordByChannelParity) {
+TEST(VelaQuantInfo, PacksEveryFieldInEachLayout) {
+  // commonPart: bias [31:0], scale [46:32], preRShift [52:48], postRShift from bit 56.
   const Row row = {-2, 0x1234, -1, 17, 0x7fff, 31};
-  // commonPart: bias [31:0], scale [46:32], preRShift [52:48], postRShift [60:56].
   const uint64_t common = 0xfffffffeull | 0x7fffull << 32 | 17ull << 48 | 31ull << 56;
   const uint64_t suminPart = 0x1234 | 63u << 16;  // -1 as a 6-bit field
-  EXPECT_EQ(encode({row, row, row}, 2), (std::vector<int64_t>{word(common), word(suminPart), word(common),
-                                                              word(suminPart << 32), word(common), word(suminPart)}));
-  // 32-bit form: the sumin shift becomes the mode in [54:53], suminScale is dropped.
-  const Row right8 = {5, 0x1234, 8, 0, 1, 0}, none = {5, 7, 0, 0, 1, 0}, left8 = {5, 0, -8, 0, 1, 0};
+  // The first generation puts an odd channel's suminPart in the high half.
+  EXPECT_EQ(encodeRows(kVela, {row, row, row}, false),
+            (std::vector<int64_t>{word(common), word(suminPart), word(common), word(suminPart << 32), word(common),
+                                  word(suminPart)}));
+  EXPECT_EQ(encodeRows(kLyra, {row, row}, false),
+            (std::vector<int64_t>{word(common), word(suminPart), word(common), word(suminPart)}));
+  const Row wide = {-2, 0x1234, -17, 25, 0x7fff, 40};
+  EXPECT_EQ(encodeRows(kLyra, {wide}, false), (std::vector<int64_t>{word(0xfffffffeull | 0x7fffull << 32 | 25ull << 48 |
+                                                                         40ull << 56), word(0x1234 | 47u << 16)}));
+  // 32-bit sumin: the shift becomes a mode (first: commonPart[54:53] in the
+  // only word; second: suminPart[17:16]); suminScale is dropped.
+  const std::vector<Row> modes = {{5, 0x1234, 8, 0, 1, 0}, {5, 7, 0, 0, 1, 0}, {5, 0, -8, 0, 1, 0}};
   const uint64_t base = 5 | 1ull << 32;
-  EXPECT_EQ(encode({right8, none, left8}, 1), (std::vector<int64_t>{word(base | 2ull << 53), word(base),
-                                                                   word(base | 3ull << 53)}));
+  EXPECT_EQ(encodeRows(kVela, modes, true), (std::vector<int64_t>{word(base | 2ull << 53), word(base),
+                                                                  word(base | 3ull << 53)}));
+  EXPECT_EQ(encodeRows(kLyra, modes, true), (std::vector<int64_t>{word(base), word(2u << 16), word(base), 0, word(base),
+                                                                  word(3u << 16)}));
+  // The unused mode 1 decodes as no shift; the 32-bit form reads no suminScale.
+  EXPECT_EQ(decodeWords(kVela, {word(1ull << 53 | 0x7fffull << 32)}, true), (std::vector<int64_t>{0, 0, 0, 0, 32767, 0}));
+  EXPECT_EQ(decodeWords(kLyra, {0, word(1u << 16 | 0x7fff)}, true), (std::vector<int64_t>{0, 0, 0, 0, 0, 0}));
 }
 
-TEST(EncodeQuantInfo, FieldsAtTheEdgesOfTheirRanges) {
-  struct Case {
-    unsigned position;
-    int64_t value;
-    uint64_t commonBits, suminBits;  // what the encoder stores
-    int64_t decoded;                 // what decoding gives back
-  };
+TEST(VelaQuantInfo, FieldsAtTheEdgesOfTheirRanges) {
+  // gens: 'B' both, 'V' the first, 'L' the second; the bits the encoder stores, the value decoding gives back.
+  struct Case { char gens; unsigned position; int64_t value; uint64_t commonBits, suminBits; int64_t decoded; };
   const Case cases[] = {
-      {3, 17, 17ull << 48, 0, 17},  // preRShift: largest valid
-      {3, 18, 0, 0, 0},             // beyond: written 0
-      {3, -1, 0, 0, 0},
-      {2, -13, 0, 51u << 16, -13},  // suminRShift: valid [-13, 22], 6-bit two's complement
-      {2, 22, 0, 22u << 16, 22},
-      {2, -14, 0, 0, 0},
-      {2, 23, 0, 0, 0},
-      {2, -1, 0, 63u << 16, -1},
-      {4, 0x18003, 3ull << 32, 0, 3},  // scale: low 15 bits
-      {1, 0x8005, 0, 5, 5},            // suminScale: low 15 bits
-      {5, 33, 1ull << 56, 0, 1},       // postRShift: low 5 bits
-      {0, (int64_t(1) << 32) + 7, 7, 0, 7},  // bias: low 32 bits
-      {0, INT32_MIN, 0x80000000ull, 0, INT32_MIN},
+      {'B', 4, 0x18003, 3ull << 32, 0, 3},  // scale: low 15 bits
+      {'B', 1, 0x8005, 0, 5, 5},            // suminScale: low 15 bits
+      {'B', 0, (int64_t(1) << 32) + 7, 7, 0, 7},  // bias: low 32 bits
+      {'B', 3, -1, 0, 0, 0},                 // a negative preRShift is written 0
+      {'V', 3, 18, 0, 0, 0},                 // beyond the first generation's [0, 17]
+      {'L', 3, 26, 0, 0, 0},
+      {'B', 2, -13, 0, 51u << 16, -13},      // suminRShift: 6-bit two's complement
+      {'V', 2, -14, 0, 0, 0},
+      {'L', 2, -18, 0, 0, 0},
+      {'B', 2, 23, 0, 0, 0},
+      {'B', 2, -1, 0, 63u << 16, -1},
+      {'V', 5, 33, 1ull << 56, 0, 1},        // first: postRShift keeps 5 bits
+      {'L', 5, 41, 41ull << 56, 0, 0},       // second: 6 bits stored as given, above 40 decoded as 0
+      {'L', 5, 64, 0, 0, 0},
   };
-  for (const Case& c : cases) {
-    Row row{};
-    row[c.position] = c.value;
-    const auto words = encode({row}, 2);
-    EXPECT_EQ(words, (std::vector<int64_t>{word(c.commonBits), word(c.suminBits)})) << c.position << " = " << c.value;
-    EXPECT_EQ(decode(tensorOf<int64_t>(ElementType::si64, {1, 2}, words))[c.position], c.decoded)
-        << c.position << " = " << c.value;
-  }
-}
-
-TEST(EncodeQuantInfo, A32BitSuminShiftOtherThanEightFailsAndWritesNothing) {
-  Tensor out = tensorOf<int64_t>(ElementType::si64, {2, 1}, {11, 22});
-  const Tensor rows = decodedOf({{1, 0, 8, 0, 1, 0}, {1, 0, 4, 0, 1, 0}});
-  EXPECT_EQ(EncodeQuantInfo(out, rows).message(), "i32 suminRShift must be one of [8, 0, -8], but got 4");
-  EXPECT_EQ(valuesOf<int64_t>(out), (std::vector<int64_t>{11, 22}));
-  // The 2-word form has no such limit.
-  Tensor wide = Tensor::create(ElementType::si64, {2, 2});
-  EXPECT_TRUE(EncodeQuantInfo(wide, rows).ok());
-}
-
-TEST(DecodeQuantInfo, RoundTripsEveryValidFieldValue) {
-  std::mt19937 rng(21);
-  auto randomRow = [&] {
-    return Row{int64_t(int32_t(rng())), int64_t(rng() % 32768), int64_t(rng() % 36) - 13, int64_t(rng() % 18),
-               int64_t(rng() % 32768), int64_t(rng() % 32)};
-  };
-  struct Field {
-    unsigned position;
-    int64_t lo, hi;
-  };
-  const Field fields[] = {{1, 0, 32767}, {2, -13, 22}, {3, 0, 17}, {4, 0, 32767}, {5, 0, 31}};
-  std::vector<Row> rows;
-  for (const Field& f : fields)
-    for (int64_t v = f.lo; v <= f.hi; ++v) {
-      Row r = randomRow();
-      r[f.position] = v;
-      rows.push_back(r);
+  for (const Case& c : cases)
+    for (const Generation* g : kGenerations) {
+      if (!runsOn(c.gens, *g)) continue;
+      Row row{};
+      row[c.position] = c.value;
+      const auto words = encodeRows(*g, {row}, false);
+      EXPECT_EQ(words, (std::vector<int64_t>{word(c.commonBits), word(c.suminBits)})) << g->name << " " << c.value;
+      EXPECT_EQ(decodeWords(*g, words, false)[c.position], c.decoded) << g->name << " " << c.value;
     }
-  for (int64_t bias : {int64_t(INT32_MIN), int64_t(-1), int64_t(0), int64_t(INT32_MAX)}) rows.push_back({bias, 1, 1, 1, 1, 1});
-  const long K = long(rows.size());
-  const auto words = encode(rows, 2);
-  std::vector<int64_t> expected;
-  for (const Row& r : rows) expected.insert(expected.end(), r.begin(), r.end());
-  EXPECT_EQ(decode(tensorOf<int64_t>(ElementType::si64, {K, 2}, words)), expected);
+}
 
-  // The 32-bit form keeps every field but suminScale, which decodes as 0.
-  for (size_t i = 0; i < rows.size(); ++i) {
-    rows[i][2] = int64_t(i % 3) * 8 - 8;
-    rows[i][1] = 0;
+TEST(VelaQuantInfo, RoundTripsEveryValidValueAndDecodesTheRestAsZero) {
+  std::mt19937 rng(21);
+  for (const Generation* g : kGenerations) {
+    const int64_t lo[6] = {INT32_MIN, 0, g->suminMin, 0, 0, 0}, hi[6] = {INT32_MAX, 32767, g->suminMax, g->preMax,
+                                                                           32767, g->postMax};
+    auto randomRow = [&] {
+      Row r;
+      for (int j = 0; j < 6; ++j) r[j] = std::uniform_int_distribution<int64_t>(lo[j], hi[j])(rng);
+      return r;
+    };
+    std::vector<Row> rows;
+    for (int64_t bias : {int64_t(INT32_MIN), int64_t(-1), int64_t(0), int64_t(INT32_MAX)})
+      rows.push_back(randomRow()), rows.back()[0] = bias;
+    for (int j = 1; j < 6; ++j)
+      for (int64_t v = lo[j]; v <= hi[j]; ++v) rows.push_back(randomRow()), rows.back()[j] = v;
+    std::vector<int64_t> expected;
+    for (const Row& r : rows) expected.insert(expected.end(), r.begin(), r.end());
+    EXPECT_EQ(decodeWords(*g, encodeRows(*g, rows, false), false), expected) << g->name;
+    // The 32-bit form keeps every field but suminScale, which decodes as 0.
+    expected.clear();
+    for (size_t i = 0; i < rows.size(); ++i) {
+      rows[i][1] = 0, rows[i][2] = int64_t(i % 3) * 8 - 8;
+      expected.insert(expected.end(), rows[i].begin(), rows[i].end());
+    }
+    EXPECT_EQ(decodeWords(*g, encodeRows(*g, rows, true), true), expected) << g->name;
+
+    // Every stored value of a shift field: outside the valid range it decodes as 0.
+    for (uint64_t v = 0; v < 32; ++v)
+      EXPECT_EQ(decodeWords(*g, {word(v << 48 | 9), 0}, false)[3], int64_t(v) <= g->preMax ? int64_t(v) : 0) << v;
+    for (uint64_t v = 0; v <= g->postMask; ++v)
+      EXPECT_EQ(decodeWords(*g, {word(v << 56), 0}, false)[5], int64_t(v) <= g->postMax ? int64_t(v) : 0) << v;
+    for (uint64_t v = 0; v < 64; ++v) {
+      const int64_t shift = v < 32 ? int64_t(v) : int64_t(v) - 64;
+      const bool valid = shift >= g->suminMin && shift <= g->suminMax;
+      // The high half of an even channel's second word is not read.
+      EXPECT_EQ(decodeWords(*g, {0, word(0xffc00000ull << 32 | v << 16 | 3)}, false), (std::vector<int64_t>{
+                    0, 3, valid ? shift : 0, 0, 0, 0})) << g->name << " " << v;
+    }
   }
-  expected.clear();
-  for (const Row& r : rows) expected.insert(expected.end(), r.begin(), r.end());
-  EXPECT_EQ(decode(tensorOf<int64_t>(ElementType::si64, {K, 1}, encode(rows, 1))), expected);
 }
 
-TEST(DecodeQuantInfo, StoredFieldsOutsideTheirRangeDecodeAsZero) {
-  for (uint64_t pre = 18; pre < 32; ++pre)
-    EXPECT_EQ(decode(tensorOf<int64_t>(ElementType::si64, {1, 1}, {word(pre << 48 | 9)}))[3], 0) << pre;
-  for (uint64_t field = 23; field < 51; ++field)  // 23..31 and -32..-14
-    EXPECT_EQ(decode(tensorOf<int64_t>(ElementType::si64, {1, 2}, {0, word(field << 16 | 3)}))[2], 0) << field;
-  // Shift mode 1 is never produced; it decodes as no shift, like mode 0.
-  EXPECT_EQ(decode(tensorOf<int64_t>(ElementType::si64, {1, 1}, {word(1ull << 53)}))[2], 0);
-  EXPECT_EQ(decode(tensorOf<int64_t>(ElementType::si64, {1, 1}, {word(3ull << 53)}))[2], -8);
+TEST(VelaQuantInfo, A32BitSuminShiftOtherThanEightFailsAndWritesNothing) {
+  for (const Generation* g : kGenerations) {
+    Tensor out = filled(ElementType::si64, {2, g->words(true)}, 0x5a);
+    const std::string before = storageBytes(out);
+    const Tensor rows = rowsOf({{1, 0, 8, 0, 1, 0}, {1, 0, 4, 0, 1, 0}});
+    EXPECT_EQ(g->encode(out, rows, true).message(), "i32 suminRShift must be one of [8, 0, -8], but got 4");
+    EXPECT_EQ(storageBytes(out), before);
+    Tensor wide = Tensor::create(ElementType::si64, {2, 2});
+    EXPECT_TRUE(g->encode(wide, rows, false).ok()) << "the 8-bit form has no such limit";
+  }
 }
 
-TEST(DecodeQuantInfo, ChannelBaseLetsASliceOfTheTableDecode) {
-  const std::vector<Row> rows = {{1, 100, 2, 3, 4, 5}, {2, 200, -3, 4, 5, 6}, {3, 300, 4, 5, 6, 7}};
-  const Tensor encoded = tensorOf<int64_t>(ElementType::si64, {3, 2}, encode(rows, 2));
-  const Tensor tail = encoded.slice(0, 1, 3);
-  const auto all = decode(encoded);
-  EXPECT_EQ(decode(tail, 1), std::vector<int64_t>(all.begin() + 6, all.end()));
+TEST(VelaQuantInfo, ChannelBaseLetsASliceOfTheFirstGenerationsTableDecode) {
+  const auto words = encodeRows(kVela, {{1, 100, 2, 3, 4, 5}, {2, 200, -3, 4, 5, 6}, {3, 300, 4, 5, 6, 7}}, false);
+  const Tensor tail = tensorOf<int64_t>(ElementType::si64, {3, 2}, words).slice(0, 1, 3);
+  Tensor out = Tensor::create(ElementType::si64, {2, 6});
+  ASSERT_TRUE(vela::intrinsic::DecodeQuantInfo(out, tail, 1).ok());
+  EXPECT_EQ(valuesOf<int64_t>(out), (std::vector<int64_t>{2, 200, -3, 4, 5, 6, 3, 300, 4, 5, 6, 7}));
   // With the wrong base each row reads the empty half of its second word.
-  const auto misread = decode(tail, 0);
-  EXPECT_EQ(misread[1], 0);
-  EXPECT_EQ(misread[7], 0);
+  ASSERT_TRUE(vela::intrinsic::DecodeQuantInfo(out, tail, 0).ok());
+  EXPECT_EQ(valuesOf<int64_t>(out), (std::vector<int64_t>{2, 0, 0, 4, 5, 6, 3, 0, 0, 5, 6, 7}));
 }
 
-TEST(EncodeQuantInfo, TraceLinesOfOneRow) {
-  struct Case {
-    Row row;
-    long words;
-    std::vector<std::string> lines;
-  };
+TEST(VelaQuantInfo, EncodeTraceLinesOfOneRow) {
+  struct Case { const Generation* g; Row row; bool sumin32; std::vector<std::string> lines; };
   const Case cases[] = {
-      {{-7, 0x8009, -1, 18, 300, 7}, 2,
+      {&kVela, {-7, 0x8009, -1, 18, 300, 7}, false,
        {"decode[1] // bias=-7 preRShift=18 scale=300 postRShift=7 suminScale=32777 suminRShift=-1",
-        "commonPart[31:0] = bias // -7", "suminPart[14:0] = suminScale // 9",
-        "suminPart[21:16] = suminRShift // -1", "commonPart[52:48] = 0 // 18 exceeds range of [0, 17]",
-        "commonPart[46:32] = scale // 300", "commonPart[60:56] = postRShift // 7",
-        "encode[1, 0] = commonPart // 504404451050651641", "encode[1, 1][63:32] = suminPart"}},
-      {{5, 0, 30, 2, 1, 0}, 2,
+        "commonPart[31:0] = bias // -7", "suminPart[14:0] = suminScale // 9", "suminPart[21:16] = suminRShift // -1",
+        "commonPart[52:48] = 0 // 18 exceeds range of [0, 17]", "commonPart[46:32] = scale // 300",
+        "commonPart[60:56] = postRShift // 7", "encode[1, 0] = commonPart // 504404451050651641",
+        "encode[1, 1][63:32] = suminPart"}},
+      {&kVela, {5, 0, 30, 2, 1, 0}, false,
        {"decode[1] // bias=5 preRShift=2 scale=1 postRShift=0 suminScale=0 suminRShift=30",
         "commonPart[31:0] = bias // 5", "suminPart[14:0] = suminScale // 0",
         "suminPart[21:16] = 0 // exceeds range of [-13, 22]", "commonPart[52:48] = preRShift // 2",
         "commonPart[46:32] = scale // 1", "commonPart[60:56] = postRShift // 0",
         "encode[1, 0] = commonPart // 562954248388613", "encode[1, 1][63:32] = suminPart"}},
-      {{5, 0, -8, 2, 1, 0}, 1,
+      {&kVela, {5, 0, -8, 2, 1, 0}, true,
        {"decode[1] // bias=5 preRShift=2 scale=1 postRShift=0 suminScale=0 suminRShift=-8",
         "commonPart[31:0] = bias // 5", "commonPart[54:53] = shiftMode // 3", "commonPart[52:48] = preRShift // 2",
         "commonPart[46:32] = scale // 1", "commonPart[60:56] = postRShift // 0",
         "encode[1, 0] = commonPart // 27584552012611589"}},
+      {&kLyra, {-7, 0x8009, -17, 26, 300, 41}, false,
+       {"EncodeQuantInfo: decode[1] // bias=-7 preRShift=26 scale=300 postRShift=41 suminScale=32777 suminRShift=-17",
+        "commonPart[31:0] = bias // -7 -> encode[1, 0][31:0]", "suminPart[14:0] = suminScale // 9 -> encode[1, 1][14:0]",
+        "suminPart[21:16] = suminRShift // -17 -> encode[1, 1][21:16]", "suminPart = 3080201",
+        "commonPart[52:48] = 0 // preRShift 26 exceeds range of [0, 25], 0 -> encode[1, 0][52:48]",
+        "commonPart[46:32] = scale // 300 -> encode[1, 0][46:43]",
+        "commonPart[61:56] = postRShift // 41 -> encode[1, 0][61:56]"}},
+      {&kLyra, {5, 0, -18, 25, 1, 0}, false,
+       {"EncodeQuantInfo: decode[1] // bias=5 preRShift=25 scale=1 postRShift=0 suminScale=0 suminRShift=-18",
+        "commonPart[31:0] = bias // 5 -> encode[1, 0][31:0]", "suminPart[14:0] = suminScale // 0 -> encode[1, 1][14:0]",
+        "suminPart[21:16] = 0 // exceeds range of [-17, 22], 0 -> encode[1, 1][21:16]", "suminPart = 0",
+        "commonPart[52:48] = preRShift // 25 -> encode[1, 0][52:48]",
+        "commonPart[46:32] = scale // 1 -> encode[1, 0][46:43]",
+        "commonPart[61:56] = postRShift // 0 -> encode[1, 0][61:56]"}},
+      {&kLyra, {5, 0, -8, 2, 1, 0}, true,
+       {"EncodeQuantInfo: decode[1] // bias=5 preRShift=2 scale=1 postRShift=0 suminScale=0 suminRShift=-8",
+        "commonPart[31:0] = bias // 5 -> encode[1, 0][31:0]", "suminPart[17:16] = shiftMode // 3 -> encode[1, 1][17:16]",
+        "suminPart = 196608", "commonPart[52:48] = preRShift // 2 -> encode[1, 0][52:48]",
+        "commonPart[46:32] = scale // 1 -> encode[1, 0][46:43]",
+        "commonPart[61:56] = postRShift // 0 -> encode[1, 0][61:56]"}},
   };
   for (const Case& c : cases) {
-    Tensor out = Tensor::create(ElementType::si64, {2, c.words});
-    test::TraceCapture capture;
-    test::ScopedTracePoint point({1, 0});
-    ASSERT_TRUE(EncodeQuantInfo(out, decodedOf({Row{}, c.row})).ok());
+    Tensor out = Tensor::create(ElementType::si64, {2, c.g->words(c.sumin32)});
+    TraceCapture capture;
+    ScopedTracePoint point({1, 0});
+    ASSERT_TRUE(c.g->encode(out, rowsOf({Row{}, c.row}), c.sumin32).ok());
     EXPECT_EQ(capture.lines(), c.lines);
   }
 }
 
-TEST(DecodeQuantInfo, TraceLinesOfOneRow) {
+TEST(VelaQuantInfo, DecodeTraceLinesOfOneRow) {
   const uint64_t common = uint64_t(uint32_t(-7)) | 300ull << 32 | 18ull << 48 | 7ull << 56;
-  struct Case {
-    std::vector<int64_t> words;
-    long width;
-    std::vector<long> point;
-    std::vector<std::string> lines;
-  };
+  const uint64_t wide = uint64_t(uint32_t(-7)) | 300ull << 32 | 26ull << 48 | 41ull << 56;
+  struct Case { const Generation* g; std::vector<int64_t> words; bool sumin32; std::vector<std::string> lines; };
   const Case cases[] = {
-      {{0, 0, word(common), word(uint64_t(0x3f0009) << 32)}, 2, {1, 4},
+      {&kVela, {0, 0, word(common), word(uint64_t(0x3f0009) << 32)}, false,
        {"commonPart = quantInfo[1, 0] // 509471000631443449", "bias = commonPart[31:0] // -7",
         "suminShiftMode = commonPart[54:53] // 0", "suminPart = quantInfo[1, 1][63:32] // 4128777",
         "suminScale = suminPart[14:0] // 9", "suminRShift = suminPart[21:16] // -1",
         "preRShift = 0 // exceeds [0, 17] range", "scale = commonPart[46:32] // 300",
         "postRShift = commonPart[60:56] // 7"}},
-      {{word(0x1e0000ull), 0}, 2, {0, 0},
+      {&kVela, {word(0x1e0000ull), word(40u << 16)}, false,
        {"commonPart = quantInfo[0, 0] // 1966080", "bias = commonPart[31:0] // 1966080",
-        "suminShiftMode = commonPart[54:53] // 0", "suminPart = quantInfo[0, 1][31:0] // 0",
-        "suminScale = suminPart[14:0] // 0", "suminRShift = suminPart[21:16] // 0",
-        "preRShift = commonPart[52:48] // 0", "scale = commonPart[46:32] // 0",
-        "postRShift = commonPart[60:56] // 0"}},
-      {{word(2ull << 53 | 3ull << 48)}, 1, {0, 5},
+        "suminShiftMode = commonPart[54:53] // 0", "suminPart = quantInfo[0, 1][31:0] // 2621440",
+        "suminScale = suminPart[14:0] // 0", "suminRShift = 0 // exceeds [-13,22] range",
+        "preRShift = commonPart[52:48] // 0", "scale = commonPart[46:32] // 0", "postRShift = commonPart[60:56] // 0"}},
+      {&kVela, {word(2ull << 53 | 3ull << 48)}, true,
        {"commonPart = quantInfo[0, 0] // 18858823439613952", "bias = commonPart[31:0] // 0",
         "suminShiftMode = commonPart[54:53] // 2", "suminRShift = 8", "preRShift = commonPart[52:48] // 3",
         "scale = commonPart[46:32] // 0", "postRShift = commonPart[60:56] // 0"}},
+      {&kLyra, {0, 0, word(wide), word(0x2f0009)}, false,
+       {"DecodeQuantInfo:  ", "commonPart = quantInfo[1, 0] // 2961680997734678521", "bias = commonPart[31:0] // -7",
+        "suminPart = quantInfo[1, 1] // 3080201", "suminScale = suminPart[14:0] // 9",
+        "suminRShift = suminPart[21:16] // -17", "preRShift = 0 // exceeds [0, 25] range",
+        "scale = commonPart[46:32] // 300", "postRShift = 0 // exceeds [0,40] range"}},
+      {&kLyra, {0, 0, word(25ull << 48 | 40ull << 56), word(0x2e0000)}, false,
+       {"DecodeQuantInfo:  ", "commonPart = quantInfo[1, 0] // 2889340635934883840", "bias = commonPart[31:0] // 0",
+        "suminPart = quantInfo[1, 1] // 3014656", "suminScale = suminPart[14:0] // 0",
+        "suminRShift = 0 // exceeds [-17,22] range", "preRShift = commonPart[52:48] // 25",
+        "scale = commonPart[46:32] // 0", "postRShift = commonPart[61:56] // 40"}},
+      {&kLyra, {0, 0, word(3ull << 48), word(2u << 16)}, true,
+       {"DecodeQuantInfo:  ", "commonPart = quantInfo[1, 0] // 844424930131968", "bias = commonPart[31:0] // 0",
+        "suminPart = quantInfo[1, 1] // 131072", "suminShiftMode = commonPart[17:16] // 2", "suminRShift = 8",
+        "preRShift = commonPart[52:48] // 3", "scale = commonPart[46:32] // 0", "postRShift = commonPart[61:56] // 0"}},
   };
   for (const Case& c : cases) {
-    const long K = long(c.words.size()) / c.width;
+    const long width = c.g->words(c.sumin32), K = long(c.words.size()) / width;
     Tensor out = Tensor::create(ElementType::si64, {K, 6});
-    test::TraceCapture capture;
-    test::ScopedTracePoint point(c.point);
-    ASSERT_TRUE(DecodeQuantInfo(out, tensorOf<int64_t>(ElementType::si64, {K, c.width}, c.words), 0).ok());
+    TraceCapture capture;
+    ScopedTracePoint point({K - 1, 4});
+    ASSERT_TRUE(c.g->decode(out, tensorOf<int64_t>(ElementType::si64, {K, width}, c.words), c.sumin32).ok());
     EXPECT_EQ(capture.lines(), c.lines);
   }
-  // A stored suminRShift outside [-13, 22] says so.
-  Tensor out = Tensor::create(ElementType::si64, {1, 6});
-  test::TraceCapture capture;
-  test::ScopedTracePoint point({0, 2});
-  ASSERT_TRUE(DecodeQuantInfo(out, tensorOf<int64_t>(ElementType::si64, {1, 2}, {0, word(40u << 16)}), 0).ok());
-  EXPECT_EQ(capture.lines()[5], "suminRShift = 0 // exceeds [-13,22] range");
 }
 
-TEST(EncodeQuantInfo, ChecksInOrder) {
-  struct Case {
-    std::vector<long> encode, decode;
-    ElementType encodeType;
-    const char* expected;
-  };
+TEST(VelaQuantInfo, ChecksInOrder) {
+  // Each generation's words (second: nullptr when the same).
+  struct Case { std::vector<long> encode, decode; ElementType encodeType; const char *first, *second; };
+  const char* same = nullptr;
   const Case cases[] = {
-      {{4, 2}, {4, 6}, ElementType::si32, "encoded and decoded quantInfo must be si64"},
-      {{4, 2}, {1, 4, 6}, ElementType::si64, "encode and decode tensors must be the same rank"},
-      {{2}, {6}, ElementType::si64, "encode and decode tensors must be at least rank 2"},
-      {{3, 2}, {4, 6}, ElementType::si64, "encode and decode tensor axis -2 must be identical"},
-      {{2, 4, 2}, {3, 4, 6}, ElementType::si64, "encode and decode tensor axis 0 must be identical"},
-      {{4, 2}, {4, 5}, ElementType::si64, "decode tensor axis -1 must be 6"},
-      {{4, 3}, {4, 6}, ElementType::si64, "encode tensor axis -1 must be either 1 or 2"},
+      {{4, 2}, {4, 6}, ElementType::si32, "encoded and decoded quantInfo must be si64",
+       "encode and decode tensors must be the same"},
+      {{4, 2}, {1, 4, 6}, ElementType::si64, "encode and decode tensors must be the same rank",
+       "encode and decode tensors must be same rank"},
+      {{2}, {6}, ElementType::si64, "encode and decode tensors must be at least rank 2", same},
+      {{3, 2}, {4, 6}, ElementType::si64, "encode and decode tensor axis -2 must be identical", same},
+      {{2, 4, 2}, {3, 4, 6}, ElementType::si64, "encode and decode tensor axis 0 must be identical", same},
+      {{4, 2}, {4, 5}, ElementType::si64, "decode tensor axis -1 must be 6", same},
+      {{4, 3}, {4, 6}, ElementType::si64, "encode tensor axis -1 must be either 1 or 2",
+       "encode tensor axis -1 must be 2"},
   };
-  for (const Case& c : cases) {
-    Tensor encoded = Tensor::create(c.encodeType, c.encode), decoded = Tensor::create(ElementType::si64, c.decode);
-    EXPECT_EQ(EncodeQuantInfo(encoded, decoded).message(), c.expected);
-    EXPECT_EQ(DecodeQuantInfo(decoded, encoded, 0).message(), c.expected);
+  for (const Generation* g : kGenerations) {
+    for (const Case& c : cases) {
+      Tensor encoded = Tensor::create(c.encodeType, c.encode), decoded = Tensor::create(ElementType::si64, c.decode);
+      const char* expected = g->second && c.second ? c.second : c.first;
+      EXPECT_EQ(g->encode(encoded, decoded, false).message(), expected);
+      EXPECT_EQ(g->decode(decoded, encoded, false).message(), expected);
+    }
+    Tensor decoded = tensorOf<int64_t>(ElementType::si64, {1, 6}, {1, 2, 3, 4, 5, 6});
+    const Tensor shapeOnly(ElementType::si64, std::vector<long>{1, 2});
+    EXPECT_EQ(g->decode(decoded, shapeOnly, false).message(), "encode and decode tensors must hold data");
+    EXPECT_EQ(valuesOf<int64_t>(decoded), (std::vector<int64_t>{1, 2, 3, 4, 5, 6}));
+    // Leading axes pass through: [2, K, 2] tables encode row by row.
+    Tensor batched = Tensor::create(ElementType::si64, {2, 1, 2});
+    ASSERT_TRUE(g->encode(batched, tensorOf<int64_t>(ElementType::si64, {2, 1, 6}, {1, 0, 0, 0, 0, 0, 2, 0, 0, 0, 0, 0}),
+                          false).ok());
+    EXPECT_EQ(valuesOf<int64_t>(batched), (std::vector<int64_t>{1, 0, 2, 0}));
   }
-  // Leading axes pass through: [2, K, width] tables encode row by row.
-  Tensor batched = Tensor::create(ElementType::si64, {2, 1, 2});
-  const Tensor rows = tensorOf<int64_t>(ElementType::si64, {2, 1, 6}, {1, 0, 0, 0, 0, 0, 2, 0, 0, 0, 0, 0});
-  ASSERT_TRUE(EncodeQuantInfo(batched, rows).ok());
-  EXPECT_EQ(valuesOf<int64_t>(batched), (std::vector<int64_t>{1, 0, 2, 0}));
 }
 
 // ---------------------------------------------------------------------------
@@ -272,128 +283,165 @@ struct GenArgs {
   long K = 1;
 };
 
-Status gen(const GenArgs& a, std::vector<int64_t>& rows) {
-  Tensor out = Tensor::create(ElementType::si64, {a.K, 6});
+/// The generator's status, its rows (-99 where nothing was written) and its warnings.
+Status generate(const Generation& g, const GenArgs& a, std::vector<int64_t>& rows,
+                std::vector<std::string>* warnings = nullptr) {
+  Tensor out = filled(ElementType::si64, {a.K, 6}, 0);
   for (int64_t& v : out.data<int64_t>()) v = -99;
-  const Status s = GenQuantInfo(out, a.weight, a.bias, a.finScale, a.finZeroPoint, a.weightScale, a.suminScale,
-                                a.suminZeroPoint, a.suminBits, a.foutScale, a.foutZeroPoint, a.foutBits);
+  LogCapture log;
+  const Status s = g.gen(out, a.weight, a.bias, a.finScale, a.finZeroPoint, a.weightScale, a.suminScale,
+                         a.suminZeroPoint, a.suminBits, a.foutScale, a.foutZeroPoint, a.foutBits);
   rows = valuesOf<int64_t>(out);
+  for (const auto& [level, text] : log.messages)
+    if (warnings && level == LogLevel::warn) warnings->push_back(text);
   return s;
+}
+
+/// Runs the generator of the generations `gens` names and checks the values
+/// at `positions`; `message` is the second generation's warning and the first
+/// one's failure.
+void expectGenerated(char gens, const GenArgs& a, const std::vector<size_t>& positions,
+                     const std::vector<int64_t>& expected, const char* message) {
+  for (const Generation* g : kGenerations) {
+    if (!runsOn(gens, *g)) continue;
+    std::vector<int64_t> rows;
+    std::vector<std::string> warnings;
+    const Status s = generate(*g, a, rows, &warnings);
+    if (!g->second && message) {
+      EXPECT_EQ(s.message(), message);
+      continue;
+    }
+    ASSERT_TRUE(s.ok()) << s.message();
+    for (size_t i = 0; i < positions.size(); ++i) EXPECT_EQ(rows[positions[i]], expected[i]) << g->name << " " << i;
+    EXPECT_EQ(warnings, message ? std::vector<std::string>{message} : std::vector<std::string>{}) << g->name;
+  }
 }
 
 }  // namespace
 
-TEST(GenQuantInfo, SearchesTheMostPreciseShiftsTheFieldsHold) {
-  struct Case {
-    double fin, weight, fout;
-    Row expected;
-  };
+TEST(VelaGenQuantInfo, SearchesTheMostPreciseShiftsTheFieldsHold) {
+  // m: the output multiplier, as the weight scale; message: the second generation's warning, the first one's failure.
+  struct Case { char gens; double m; int64_t foutBits, pre, scale, post; const char* message; };
   const Case cases[] = {
       // M = 1/8: no pre-shift needed; 2^17 / 8 = 16384 is the largest scale below 2^15.
-      {0.5, 0.25, 1.0, {0, 0, 0, 0, 16384, 17}},
-      // M = 1e-6: |acc| up to 1.28e8 must fit 16 bits after the pre-shift: 2^12;
-      // then 1e-6 * 2^34 = 17179.87 rounds to 17180.
-      {0.001, 0.001, 1.0, {0, 0, 0, 12, 17180, 22}},
-      // M = 30000 still fits the scale with no shift at all.
-      {300.0, 100.0, 1.0, {0, 0, 0, 0, 30000, 0}},
+      {'B', 0.125, 8, 0, 16384, 17, nullptr},
+      // M = 1e-6: |acc| up to 1.28e8 must fit 16 bits after the pre-shift:
+      // 2^12; then 1e-6 * 2^34 = 17179.87 rounds to 17180.
+      {'B', 1e-6, 8, 12, 17180, 22, nullptr},
+      {'B', 30000, 8, 0, 30000, 0, nullptr},  // fits the scale with no shift at all
+      {'V', 40000, 8, 0, 0, 0, "conv post process does not support left shift"},
+      {'L', 40000, 8, 0, 32767, 0, "conv post process does not support left shift: -1, adjust to 0"},
+      {'L', 0.75, 16, 1, 24576, 14, nullptr},  // t = 15, |acc| <= 43691 needs one pre-shift
+      {'L', 3, 16, 0, 24576, 13, nullptr},
+      {'L', std::ldexp(1.0, -30), 8, 22, 16384, 22, nullptr},  // t = 44 splits 22 + 22
+      {'L', std::ldexp(1.0, -60), 8, 25, 32, 40, nullptr},     // t = 74 stops at 65
+      {'L', std::ldexp(1.0, -70), 8, 25, 0, 40, nullptr},
   };
   for (const Case& c : cases) {
     GenArgs a;
-    a.finScale = {c.fin};
-    a.weightScale = {c.weight};
-    a.foutScale = {c.fout};
-    std::vector<int64_t> rows;
-    ASSERT_TRUE(gen(a, rows).ok());
-    EXPECT_EQ(rows, std::vector<int64_t>(c.expected.begin(), c.expected.end())) << c.fin * c.weight / c.fout;
+    a.weightScale = {c.m};
+    a.foutBits = c.foutBits;
+    expectGenerated(c.gens, a, {0, 1, 2, 3, 4, 5}, {0, 0, 0, c.pre, c.scale, c.post}, c.message);
   }
 }
 
-TEST(GenQuantInfo, FoldsZeroPointsAndBiasIntoTheBias) {
+TEST(VelaGenQuantInfo, SuminShifts) {
+  // ratio: suminScale / (finScale * weightScale).
+  struct Case { char gens; double ratio; int64_t bits, scale, shift; const char* message; };
+  const Case cases[] = {
+      {'B', 1e6, 8, 31250, -5, nullptr},  // 1e6 / 32 = 31250
+      {'B', 0.25, 8, 16384, 16, nullptr},
+      {'B', 0.3, 8, 19661, 16, nullptr},
+      {'L', 0.3, 16, 19661, 16, nullptr},
+      {'B', 1.0 / 256, 32, 0, 8, nullptr},
+      {'B', 1.0, 32, 0, 0, nullptr},
+      {'B', 256.0, 32, 0, -8, nullptr},
+      {'V', 1e8, 8, 0, 0, "suminRShift cannot less than -9"},
+      {'L', std::ldexp(1.5, 26), 8, 32767, -9, "suminRShift cannot less than -9: -12, adjust to -9"},
+      {'L', std::ldexp(1.0, -30), 16, 0, 22, "suminRShift cannot greater than 22: 44, adjust to 22"},
+  };
+  for (const Case& c : cases) {
+    GenArgs a;
+    a.finScale = {0.001}, a.foutScale = {0.001}, a.suminScale = {c.ratio * 0.001}, a.suminBits = c.bits;
+    expectGenerated(c.gens, a, {1, 2}, {c.scale, c.shift}, c.message);
+  }
+}
+
+TEST(VelaGenQuantInfo, FoldsZeroPointsAndBiasIntoTheBias) {
   GenArgs a;
   a.K = 2;
   a.finScale = {0.5};
   a.weightScale = {0.25, 0.5};  // M = 1/8 and 1/4
-  a.finZeroPoint = 3;
+  a.finZeroPoint = -3;
   a.weight = tensorOf<int8_t>(ElementType::si8, {2, 1, 1, 2}, {10, -4, 7, 7});  // sums 6 and 14
-  a.bias = tensorOf<float>(ElementType::f32, {2}, {1.0f, -2.5f});               // 8 and -10 accumulator units
-  a.suminScale = {0.25};  // R = 2 and 1: scale 16384 << 13 and 16384 << 14
-  a.suminZeroPoint = 10;
+  a.bias = tensorOf<float>(ElementType::f32, {2}, {1.0f, 2.5f});                // 8 and 10 accumulator units
+  a.suminScale = {0.375};  // R = 3 and 1.5: 24576 >> 13 and 24576 >> 14
+  a.suminZeroPoint = 11;
   a.foutZeroPoint = 5;  // 5 / M = 40 and 20
-  std::vector<int64_t> rows;
-  ASSERT_TRUE(gen(a, rows).ok());
-  // channel 0: 8 - 3 * 6 - 10 * 2 + 40 = 10; channel 1: -10 - 3 * 14 - 10 * 1 + 20 = -42.
-  EXPECT_EQ(rows, (std::vector<int64_t>{10, 16384, 13, 0, 16384, 17, -42, 16384, 14, 0, 16384, 16}));
-  // An si32 bias is already in accumulator units.
-  a.bias = tensorOf<int32_t>(ElementType::si32, {2}, {8, -10});
-  std::vector<int64_t> again;
-  ASSERT_TRUE(gen(a, again).ok());
-  EXPECT_EQ(again, rows);
-}
-
-TEST(GenQuantInfo, SuminShifts) {
-  struct Case {
-    double suminScale;
-    int64_t bits;
-    int64_t scale, rshift;
-  };
-  const Case cases[] = {
-      {1000.0, 8, 31250, -5},  // R = 1e6: 1e6 / 32 = 31250
-      {0.001 / 4, 8, 16384, 16},  // R = 1/4
-      {1.0 / 256, 32, 0, 8},
-      {1.0, 32, 0, 0},
-      {256.0, 32, 0, -8},
-  };
-  for (const Case& c : cases) {
-    GenArgs a;
-    a.finScale = {0.001};
-    a.weightScale = {1.0};
-    a.foutScale = {0.001};
-    if (c.bits == 32) a.finScale = {1.0}, a.foutScale = {1.0};
-    a.suminScale = {c.suminScale};
-    a.suminBits = c.bits;
+  // channel 0: 8 + 3 * 6 - 11 * 3 + 40 = 33; channel 1: 10 + 3 * 14 - 11 * 1.5 + 20 = 55.5, rounded to 56.
+  const std::vector<int64_t> expected = {33, 24576, 13, 0, 16384, 17, 56, 24576, 14, 0, 16384, 16};
+  for (const Generation* g : kGenerations) {
     std::vector<int64_t> rows;
-    ASSERT_TRUE(gen(a, rows).ok()) << c.suminScale;
-    EXPECT_EQ(rows[1], c.scale) << c.suminScale;
-    EXPECT_EQ(rows[2], c.rshift) << c.suminScale;
+    ASSERT_TRUE(generate(*g, a, rows).ok());
+    EXPECT_EQ(rows, expected) << g->name;
+    GenArgs units = a;  // an si32 bias is already in accumulator units
+    units.bias = tensorOf<int32_t>(ElementType::si32, {2}, {8, 10});
+    ASSERT_TRUE(generate(*g, units, rows).ok());
+    EXPECT_EQ(rows, expected) << g->name;
   }
 }
 
-TEST(GenQuantInfo, RefusesWhatTheHardwareCannotExpress) {
-  const Tensor rank1 = Tensor::create(ElementType::si64, {6});
-  struct Case {
-    const char* expected;
-    std::function<void(GenArgs&)> change;
-  };
+TEST(VelaGenQuantInfo, RefusesWhatTheHardwareCannotExpressAndWritesNothing) {
+  // Each generation's message (nullptr: the generation takes it).
+  struct Case { const char *first, *second; std::function<void(GenArgs&)> change; };
+  const char* same = "";
   const Case cases[] = {
-      {"bias must be rank of 1", [](GenArgs& a) { a.bias = Tensor::create(ElementType::f32, {1, 1}); }},
-      {"sumin must be 8bit or 32bit", [](GenArgs& a) { a.suminScale = {1.0}, a.suminBits = 16; }},
-      {"fout must be 8bit or 32bit", [](GenArgs& a) { a.foutBits = 16; }},
-      {"quantInfo and bias axis 0 size must be identical", [](GenArgs& a) { a.bias = Tensor::create(ElementType::f32, {2}); }},
-      {"bias must be f32, f64 or si32", [](GenArgs& a) { a.bias = Tensor::create(ElementType::si16, {1}); }},
-      {"fin scale must hold 1 value", [](GenArgs& a) { a.finScale = {1.0, 1.0}; }},
-      {"weight scale must be positive and finite", [](GenArgs& a) { a.weightScale = {0.0}; }},
-      {"fout scale must be positive and finite", [](GenArgs& a) { a.foutScale = {NAN}; }},
-      {"when fin zero point not zero, weight must be valid", [](GenArgs& a) { a.finZeroPoint = 1; }},
-      {"cannot generate input zero point conv2d",
+      {"bias must be rank of 1", same, [](GenArgs& a) { a.bias = Tensor::create(ElementType::f32, {1, 1}); }},
+      {"sumin must be 8bit or 32bit", "sumin must be 8bit 16bit or 32bit",
+       [](GenArgs& a) { a.suminScale = {1.0}, a.suminBits = 4; }},
+      {"sumin must be 8bit or 32bit", nullptr, [](GenArgs& a) { a.suminScale = {1.0}, a.suminBits = 16; }},
+      {"fout must be 8bit or 32bit", "fout must be 8bit 16bit or 32bit", [](GenArgs& a) { a.foutBits = 12; }},
+      {"quantInfo and bias axis 0 size must be identical", same,
+       [](GenArgs& a) { a.bias = Tensor::create(ElementType::f32, {2}); }},
+      {"bias must be f32, f64 or si32", same, [](GenArgs& a) { a.bias = Tensor::create(ElementType::si16, {1}); }},
+      {"fin scale must hold 1 value", same, [](GenArgs& a) { a.finScale = {1.0, 1.0}; }},
+      {"fout scale must hold 1 or 2 values", same, [](GenArgs& a) { a.K = 2, a.foutScale = {1.0, 2.0, 3.0}; }},
+      {"weight scale must be positive and finite", same, [](GenArgs& a) { a.weightScale = {0.0}; }},
+      {"fout scale must be positive and finite", same, [](GenArgs& a) { a.foutScale = {NAN}; }},
+      {"when fin zero point not zero, weight must be valid", same, [](GenArgs& a) { a.finZeroPoint = 1; }},
+      {"cannot generate input zero point conv2d", same,
        [](GenArgs& a) { a.finZeroPoint = 1, a.weight = Tensor::create(ElementType::si8, {2, 1, 1, 1}); }},
-      {"cannot generate input zero point conv2d",
+      {"cannot generate input zero point conv2d", same,
        [](GenArgs& a) { a.finZeroPoint = 200, a.weight = Tensor::create(ElementType::si8, {1, 1, 1, 1}); }},
-      {"si32 conv does not support rescale, check fout scale", [](GenArgs& a) { a.foutBits = 32, a.foutScale = {2.0}; }},
-      {"conv post process does not support left shift", [](GenArgs& a) { a.finScale = {40000.0}; }},
+      {"si32 conv does not support rescale, check fout scale", same,
+       [](GenArgs& a) { a.foutBits = 32, a.foutScale = {2.0}; }},
       {"si32 sumin does not support rescale, check sumin scale",
+       "si32 sumin does not support rescale, check sumin scale",
        [](GenArgs& a) { a.suminScale = {3.0}, a.suminBits = 32; }},
-      {"suminRShift cannot less than -9", [](GenArgs& a) { a.suminScale = {1e8}; }},
-      {"can not get bias in range of int32 on channel 0", [](GenArgs& a) { a.bias = test::tensorOf<float>(ElementType::f32, {1}, {3e9f}); }},
+      {"can not get bias in range of int32 on channel 0", same,
+       [](GenArgs& a) { a.bias = tensorOf<float>(ElementType::f32, {1}, {3e9f}); }},
   };
-  for (const Case& c : cases) {
-    GenArgs a;
-    c.change(a);
+  for (const Generation* g : kGenerations) {
+    for (const Case& c : cases) {
+      GenArgs a;
+      c.change(a);
+      std::vector<int64_t> rows;
+      const char* expected = g->second && c.second != same ? c.second : c.first;
+      EXPECT_EQ(generate(*g, a, rows).message(), expected ? expected : "") << g->name;
+      if (expected) {
+        EXPECT_EQ(rows, std::vector<int64_t>(size_t(6 * a.K), -99)) << expected << ": nothing is written";
+      }
+    }
+    GenArgs two;
+    two.K = 2;
+    two.bias = tensorOf<double>(ElementType::f64, {2}, {0, 1e12});
     std::vector<int64_t> rows;
-    EXPECT_EQ(gen(a, rows).message(), c.expected);
-    EXPECT_EQ(rows, std::vector<int64_t>(6, -99)) << c.expected << ": nothing is written";
+    EXPECT_EQ(generate(*g, two, rows).message(), "can not get bias in range of int32 on channel 1");
+    EXPECT_EQ(rows, std::vector<int64_t>(12, -99)) << "every row is derived before any is written";
+    for (const std::vector<long>& shape : {std::vector<long>{6}, std::vector<long>{1, 5}}) {
+      Tensor out = Tensor::create(ElementType::si64, shape);
+      EXPECT_EQ(g->gen(out, {}, {}, {1.0}, 0, {1.0}, {}, 0, 8, {1.0}, 0, 8).message(),
+                shape.size() == 1 ? "quantInfo must be rank of 2" : "quantInfo axis 1 size must be 6");
+    }
   }
-  Tensor out = rank1;
-  EXPECT_EQ(GenQuantInfo(out, {}, {}, {1.0}, 0, {1.0}, {}, 0, 8, {1.0}, 0, 8).message(), "quantInfo must be rank of 2");
-  out = Tensor::create(ElementType::si64, {1, 5});
-  EXPECT_EQ(GenQuantInfo(out, {}, {}, {1.0}, 0, {1.0}, {}, 0, 8, {1.0}, 0, 8).message(), "quantInfo axis 1 size must be 6");
 }

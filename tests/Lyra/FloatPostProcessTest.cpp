@@ -1,0 +1,319 @@
+// The floating post-process on hand-worked elements (the ties of intToFp24
+// near 2^16, fp24 rounding where float32 would differ, the specials, the
+// output narrowing), against the soft-float steps on edge values for every
+// output type, its trace lines and checks; and the float quant-info
+// generator.
+#include <gtest/gtest.h>
+
+#include <cmath>
+
+#include "Vela/VelaTestUtil.h"
+
+using namespace kora;
+using namespace kora::lyra::intrinsic;
+using namespace kora::test;
+
+namespace {
+
+struct FloatRow {
+  float bias, suminScale, scale;
+};
+
+Tensor floatRowsOf(const std::vector<FloatRow>& rows) {
+  std::vector<float> flat;
+  for (const FloatRow& r : rows) flat.insert(flat.end(), {r.bias, r.suminScale, r.scale});
+  return tensorOf<float>(ElementType::f32, {long(rows.size()), 3}, flat);
+}
+
+/// One element through TaeConvFPP into an output of type T.
+template <class T>
+T fpp(int32_t psum, FloatRow row, bool relu, bool round, const Tensor& sumin = Tensor()) {
+  Tensor out = Tensor::create(elementTypeOf<T>, {1, 1});
+  const Status s = TaeConvFPP(out, tensorOf<int32_t>(ElementType::si32, {1, 1}, {psum}), floatRowsOf({row}), sumin,
+                              relu, round, false);
+  EXPECT_TRUE(s.ok()) << s.message();
+  return valuesOf<T>(out)[0];
+}
+
+float fromBits(uint32_t bits) { return std::bit_cast<float>(bits); }
+
+}  // namespace
+
+TEST(LyraFloatPostProcess, HandWorkedElementsInF32) {
+  struct Case { const char* what; int32_t psum; FloatRow row; float expected; };
+  const Case cases[] = {
+      {"65537 is a tie in fp24: to even 65536", 65537, {0, 0, 1}, 65536},
+      {"65539 ties to even 65540", 65539, {0, 0, 1}, 65540},
+      {"65541 ties to even 65540", 65541, {0, 0, 1}, 65540},
+      {"-65537", -65537, {0, 0, 1}, -65536},
+      {"65535 * (1 + 2^-15) rounds to 65536 (float32 would give 65537)", 65535, {0, 0, fromBits(0x3f800100)}, 65536},
+      {"65536 + 1 ties to 65536", 65536, {1, 0, 1}, 65536},
+      {"65536 + 3 ties to 65540", 65536, {3, 0, 1}, 65540},
+      {"the scale is cut, not rounded: 0.1f reads 0.0999985", 1000, {0, 0, 0.1f}, 99.998046875f},
+      {"the bias is cut: 1 + 2^-23 reads 1", 0, {fromBits(0x3f800001), 0, 1}, 1},
+      {"1000 * 0.1 + 0.5", 1000, {0.5f, 0, 0.1f}, 100.498046875f},
+      {"a negative result without relu", 3, {-10, 0, 1}, -7},
+      {"2^127 * 4 overflows to infinity", 4, {0, 0, fromBits(0x7f000000)}, INFINITY},
+      {"a subnormal scale reads as zero", 1, {0, 0, fromBits(0x00400000)}, 0},
+  };
+  for (const Case& c : cases) EXPECT_EQ(fpp<float>(c.psum, c.row, false, false), c.expected) << c.what;
+  // relu: every value not above 0, NaN and -0 included, becomes +0.
+  EXPECT_EQ(std::bit_cast<uint32_t>(fpp<float>(3, {-10, 0, 1}, true, false)), 0u);
+  EXPECT_EQ(std::bit_cast<uint32_t>(fpp<float>(0, {-0.0f, 0, 1}, true, false)), 0u) << "-0 becomes +0";
+  EXPECT_EQ(std::bit_cast<uint32_t>(fpp<float>(0, {NAN, 0, 1}, true, false)), 0u);
+  EXPECT_TRUE(std::isnan(fpp<float>(0, {NAN, 0, 1}, false, false)));
+}
+
+TEST(LyraFloatPostProcess, TheNarrowingToEachOutputType) {
+  struct Case { const char* what; int32_t psum; FloatRow row; int32_t nearest8, towardZero8; uint16_t nearest16, towardZero16, nearestBf16, towardZeroBf16; };
+  const Case cases[] = {
+      {"2.5: ties to even", 5, {0, 0, 0.5f}, 2, 2, 0x4100, 0x4100, 0x4020, 0x4020},
+      {"3.5", 7, {0, 0, 0.5f}, 4, 3, 0x4300, 0x4300, 0x4060, 0x4060},
+      {"-2.5", -5, {0, 0, 0.5f}, -2, -2, 0xc100, 0xc100, 0xc020, 0xc020},
+      {"-3.75", -15, {0, 0, 0.25f}, -4, -3, 0xc380, 0xc380, 0xc070, 0xc070},
+      {"257: a bf16 tie", 257, {0, 0, 1}, 127, 127, 0x5c04, 0x5c04, 0x4380, 0x4380},
+      {"259: nearest 260 in bf16, 258 toward zero", 259, {0, 0, 1}, 127, 127, 0x5c0c, 0x5c0c, 0x4382, 0x4381},
+      {"2049: an f16 tie", 2049, {0, 0, 1}, 127, 127, 0x6800, 0x6800, 0x4500, 0x4500},
+      {"2051: nearest 2052 in f16, 2050 toward zero", 2051, {0, 0, 1}, 127, 127, 0x6802, 0x6801, 0x4500, 0x4500},
+      {"-300 saturates in si8", -300, {0, 0, 1}, -128, -128, 0xdcb0, 0xdcb0, 0xc396, 0xc396},
+      {"70000 is beyond f16", 70000, {0, 0, 1}, 127, 127, 0x7c00, 0x7c00, 0x4789, 0x4788},
+      {"2^-20 is below f16's normal range", 1, {0, 0, fromBits(0x35800000)}, 0, 0, 0x0000, 0x0000, 0x3580, 0x3580},
+  };
+  for (const Case& c : cases) {
+    EXPECT_EQ(fpp<int8_t>(c.psum, c.row, false, true), c.nearest8) << c.what;
+    EXPECT_EQ(fpp<int8_t>(c.psum, c.row, false, false), c.towardZero8) << c.what;
+    EXPECT_EQ(fpp<half>(c.psum, c.row, false, true).bits, c.nearest16) << c.what;
+    EXPECT_EQ(fpp<half>(c.psum, c.row, false, false).bits, c.towardZero16) << c.what;
+    EXPECT_EQ(fpp<bfloat16>(c.psum, c.row, false, true).bits, c.nearestBf16) << c.what;
+    EXPECT_EQ(fpp<bfloat16>(c.psum, c.row, false, false).bits, c.towardZeroBf16) << c.what;
+  }
+  EXPECT_EQ(fpp<int16_t>(40000, {0, 0, 1}, false, true), 32767);
+  EXPECT_EQ(fpp<int32_t>(INT32_MAX, {0, 0, 1}, false, true), INT32_MAX) << "2^31 saturates";
+  EXPECT_EQ(fpp<int32_t>(INT32_MIN, {0, 0, 1}, false, true), INT32_MIN);
+  EXPECT_EQ(fpp<int32_t>(0, {NAN, 0, 1}, false, true), 0) << "NaN gives 0";
+}
+
+TEST(LyraFloatPostProcess, SuminOfEachFloatTypeIsCutScaledAndAdded) {
+  // 1000 * 0.1 + (0.5 + 2.7 * 0.3), each step in fp24: hand-worked patterns
+  // 0x3f4f5a (2.69995 * 0.299995), 0x3fa7ad, 0x42c7ff, 0x42ca9e.
+  EXPECT_EQ(fpp<float>(1000, {0.5f, 0.3f, 0.1f}, false, false, tensorOf<float>(ElementType::f32, {1, 1}, {2.7f})),
+            fromBits(0x42ca9e00));
+  // An f16 sumin is widened exactly: 2.69921875 in f16 is 0x4166; 2.69921875 *
+  // 0.299995 = 0.80975 -> 0x3f4f4c; + 0.5 -> 0x3fa7a6; + 99.998 -> 0x42ca9e.
+  Tensor f16Sumin = Tensor::create(ElementType::f16, {1, 1});
+  f16Sumin.data<half>()[0] = half::fromBits(0x4166);
+  EXPECT_EQ(fpp<float>(1000, {0.5f, 0.3f, 0.1f}, false, false, f16Sumin), fromBits(0x42ca9e00));
+  EXPECT_EQ(fpp<float>(0, {0.5f, 0.3f, 0.1f}, false, false, f16Sumin), fromBits(0x3fa7a600));
+  EXPECT_EQ(fpp<float>(0, {0, 1, 1}, false, false, tensorOf<float>(ElementType::f32, {1, 1}, {fromBits(0x3f8000ff)})),
+            1.0f)
+      << "the sumin is cut to fp24";
+}
+
+TEST(LyraFloatPostProcess, EveryOutputTypeEqualsTheSoftFloatStepsOnEdgeValues) {
+  // The kernel against its definition composed from the library's soft-float
+  // steps (each verified against MPFR): psums at the ties near 2^16 and 2^24,
+  // around powers of two, the int32 ends, zero and random ones; channels
+  // whose scale and bias make ties and cancellations; 21 channels, so that
+  // vectorised blocks and the remainder are both taken; every output type and
+  // flag; no sumin, an f32 and an f16 sumin, with rows holding sumins (tiny,
+  // infinite, NaN, huge) that no fast arithmetic could take; strided operands.
+  using namespace softfloat;
+  std::vector<int32_t> psums = {0, 1, -1, 65535, 65536, 65537, 65539, 65541, -65537, -65539, 16777217, -16777219,
+                                INT32_MAX, INT32_MIN, INT32_MIN + 1, 131075, 131078};
+  for (int e = 1; e < 31; ++e)
+    for (int32_t d : {-3, -1, 0, 1, 3}) psums.push_back(int32_t((int64_t(1) << e) + d));
+  std::mt19937 rng(83);
+  const long K = 21;
+  while (psums.size() % K != 0 || psums.size() < 21 * 12) psums.push_back(int32_t(rng()) >> (rng() % 31));
+  const long n = long(psums.size()) / K;
+  auto uniform = [&](float lo, float hi) { return std::uniform_real_distribution<float>(lo, hi)(rng); };
+  std::vector<FloatRow> rows;
+  for (long k = 0; k < K; ++k) {
+    const float scale = k % 7 == 0 ? 1.0f : std::ldexp(uniform(1, 2), int(k % 9) - 6);
+    const float bias = k % 5 == 0   ? -0.5f
+                       : k % 5 == 1 ? 0.0f
+                       : k % 5 == 2 ? -0.0f
+                                    : float(int(rng() % 2001) - 1000) / float(1 << (k % 6));
+    rows.push_back({bias, k % 4 == 0 ? 0.0f : std::ldexp(uniform(1, 2), -int(k % 6)), k % 3 == 1 ? -scale : scale});
+  }
+  std::vector<float> suminValues(psums.size());
+  for (size_t i = 0; i < suminValues.size(); ++i)  // ties and cancellations with the bias, or bits to cut
+    suminValues[i] = i % 37 == 0 ? (i % 2 ? 0.0f : -0.0f) : i % 3 ? float(int(rng() % 4001) - 2000) / 256 : uniform(-9, 9);
+  const float odd[] = {2e-38f, -1.5e-38f, 1e-20f, INFINITY, NAN, 3e38f, -INFINITY, fromBits(0x00000123u)};
+  for (long r = 1; r < n; r += 2) suminValues[size_t(r * K + (r % 4 == 1 ? 11 : 7))] = odd[size_t(r / 2) % 8];
+  // With sumin, every other psum is made small so that the sumin's bits show.
+  std::vector<int32_t> mixed = psums;
+  for (size_t i = 0; i < mixed.size(); i += 2) mixed[i] = mixed[i] / (1 << 26);
+  const Tensor f32Sumin = tensorOf<float>(ElementType::f32, {n, K}, suminValues);
+  const Tensor f16Sumin = convertedTensor(ElementType::f16, {n, K}, suminValues);
+  const Tensor quant = floatRowsOf(rows);
+
+  for (int withSumin = 0; withSumin < 3; ++withSumin) {
+    const Tensor sumin = withSumin == 0 ? Tensor() : withSumin == 1 ? f32Sumin : f16Sumin;
+    const std::vector<int32_t>& psumValues = withSumin ? mixed : psums;
+    const Tensor psum = tensorOf<int32_t>(ElementType::si32, {n, K}, psumValues);
+    auto expectedOf = [&](long i, bool relu) {
+      const FloatRow& q = rows[size_t(i % K)];
+      uint32_t addBias = float32ToFp24(q.bias);
+      if (withSumin) {
+        const float s = withSumin == 1 ? suminValues[size_t(i)] : f16Sumin.data<half>()[i].toFloat();
+        addBias = fp24Add(addBias, fp24Mul(float32ToFp24(s), float32ToFp24(q.suminScale)));
+      }
+      const uint32_t res = fp24Add(fp24Mul(intToFp24(psumValues[size_t(i)]), float32ToFp24(q.scale)), addBias);
+      return relu && !(f24ToF32(res) > 0) ? 0u : res;
+    };
+    for (int flags = 0; flags < 4; ++flags) {
+      const bool relu = flags & 1, round = flags & 2;
+      const FloatRounding mode = round ? FloatRounding::NearestEven : FloatRounding::TowardZero;
+      auto run = [&](ElementType type) {
+        Tensor out = Tensor::create(type, {n, K});
+        EXPECT_TRUE(TaeConvFPP(out, psum, quant, sumin, relu, round, false).ok());
+        return out;
+      };
+      const auto f32 = bitsOf<float>(run(ElementType::f32));
+      const auto f16 = bitsOf<half>(run(ElementType::f16)), bf16 = bitsOf<bfloat16>(run(ElementType::vbf16));
+      const auto i8 = integersOf(run(ElementType::si8)), i16 = integersOf(run(ElementType::si16)),
+                 i32 = integersOf(run(ElementType::si32));
+      for (long i = 0; i < n * K; ++i) {
+        const uint32_t v = expectedOf(i, relu);
+        ASSERT_EQ(f32[size_t(i)], fp24ToFp32Bits(v)) << i << " sumin " << withSumin;
+        ASSERT_EQ(f16[size_t(i)], convert(v, kFp24, kFp16, mode)) << i;
+        ASSERT_EQ(bf16[size_t(i)], convert(v, kFp24, kBf16, mode)) << i;
+        ASSERT_EQ(i8[size_t(i)], fp24ToInt(v, INT8_MIN, INT8_MAX, mode)) << i;
+        ASSERT_EQ(i16[size_t(i)], fp24ToInt(v, INT16_MIN, INT16_MAX, mode)) << i;
+        ASSERT_EQ(i32[size_t(i)], fp24ToInt(v, INT32_MIN, INT32_MAX, mode)) << i;
+      }
+    }
+    // Strided output, psum and sumin give the same values.
+    Tensor stridedOut = Tensor::create(ElementType::si8, {n, 2 * K}).slice(1, 0, 2 * K, 2);
+    Tensor stridedPsum = Tensor::create(ElementType::si32, {n, 2 * K}).slice(1, 1, 2 * K, 2), stridedSumin;
+    copyElements(stridedPsum, psum);
+    if (withSumin) {
+      stridedSumin = Tensor::create(sumin.elementType(), {n, 2 * K}).slice(1, 1, 2 * K, 2);
+      copyElements(stridedSumin, sumin);
+    }
+    ASSERT_TRUE(TaeConvFPP(stridedOut, stridedPsum, quant, stridedSumin, true, true, false).ok());
+    const auto strided = valuesOf<int8_t>(stridedOut);
+    for (long i = 0; i < n * K; ++i)
+      ASSERT_EQ(strided[size_t(i)], fp24ToInt(expectedOf(i, true), INT8_MIN, INT8_MAX, FloatRounding::NearestEven));
+  }
+}
+
+TEST(LyraFloatPostProcess, TraceShowsEveryFp24Step) {
+  Tensor out = Tensor::create(ElementType::si8, {1, 2});
+  test::TraceCapture capture;
+  {
+    test::ScopedTracePoint point({0, 1});
+    ASSERT_TRUE(TaeConvFPP(out, tensorOf<int32_t>(ElementType::si32, {1, 2}, {0, 1000}),
+                           floatRowsOf({{0, 0, 0}, {0.5f, 0.3f, 0.1f}}),
+                           tensorOf<float>(ElementType::f32, {1, 2}, {0, 2.7f}), true, true, false)
+                    .ok());
+  }
+  EXPECT_EQ(capture.lines(), (std::vector<std::string>{
+                                 "f24Bias = float32ToFp24(0.5) // 0x3f0000(0.5)",
+                                 "fp24SuminAddBias = f24Bias // 0x3f0000(0.5)",
+                                 "f24SuminScale = float32ToFp24(0.3) // 0x3e9999(0.29999542)",
+                                 "fp32Sumin = floatToF24(2.7) // 0x402ccccd(2.7)",
+                                 "fp24Sumin = fp32ToFp24(fp32Sumin) // 0x402ccc(2.6999512)",
+                                 "fp24Sumin *= f24SuminScale // 0x3f4f5a(0.80996704)",
+                                 "fp24SuminAddBias += fp24Sumin // 0x3fa7ad(1.309967)",
+                                 "fp24Res = intToFp24(1000) // 0x447a00(1000)",
+                                 "f24OutputScale = float32ToFp24(0.1) // 0x3dcccc(0.099998474)",
+                                 "fp24Res *= f24OutputScale // 0x42c7ff(99.99805)",
+                                 "fp24Res += fp24SuminAddBias // 0x42ca9e(101.30859)",
+                                 "fp32Res = f24ToF32(fp24Res) // 0x42ca9e00(101.30859)",
+                                 "psumF32[0, 1] = relu(fp32Res) // 0x42ca9e00(101.30859)",
+                                 "intRes = fp24ToInt(intRes) // 101",
+                             }));
+  EXPECT_EQ(valuesOf<int8_t>(out)[1], 101);
+  // A half sumin and half and bf16 outputs, without relu.
+  Tensor halfSumin = Tensor::create(ElementType::f16, {1, 1});
+  halfSumin.data<half>()[0] = half::fromBits(0x4166);
+  for (ElementType type : {ElementType::f16, ElementType::vbf16}) {
+    Tensor halfOut = Tensor::create(type, {1, 1});
+    test::TraceCapture again;
+    test::ScopedTracePoint point({0, 0});
+    ASSERT_TRUE(TaeConvFPP(halfOut, tensorOf<int32_t>(ElementType::si32, {1, 1}, {2051}), floatRowsOf({{0, 1, 1}}),
+                           halfSumin, false, false, false)
+                    .ok());
+    const auto lines = again.lines();
+    ASSERT_EQ(lines.size(), 13u);
+    EXPECT_EQ(lines[3], "fp32Sumin = halfToF24(2.6992188) // 0x402cc000(2.6992188)");
+    EXPECT_EQ(lines[11], "fp32Res = f24ToF32(fp24Res) // 0x45005b00(2053.6875)");
+    EXPECT_EQ(lines[12], type == ElementType::f16 ? "fout[0, 0] = fp32ToFp16(fp32Res) // 0x6802(2052)"
+                                                  : "fout[0, 0] = fp32ToBf16(fp32Res) // 0x4500(2048)");
+  }
+}
+
+TEST(LyraFloatPostProcess, ChecksInOrderWriteNothing) {
+  struct Case { ElementType psumType; std::vector<long> psum, fout, quant; ElementType quantType, foutType; Tensor sumin; const char* expected; };
+  const ElementType si8 = ElementType::si8, si32 = ElementType::si32, si64 = ElementType::si64,
+                    f32 = ElementType::f32, f64 = ElementType::f64;
+  const Case cases[] = {
+      {si8, {2, 3}, {2, 3}, {3, 3}, f32, f32, {}, "psum must be si32"},
+      {si32, {2, 3}, {3, 2}, {3, 3}, f32, f32, {}, "shape of psum and fout must be identical"},
+      {si32, {2, 3}, {2, 3}, {3, 3}, si64, f32, {}, "float quantInfo must be f32"},
+      {si32, {2, 3}, {2, 3}, {9}, f32, f32, {}, "quantInfo rank must be either 2 or 3"},
+      {si32, {2, 3}, {2, 3}, {3, 6}, f32, f32, {}, "float quantInfo axis -1 must be 3"},
+      {si32, {}, {}, {3, 3}, f32, f32, {}, "psum must have a channel axis"},
+      {si32, {2, 3}, {2, 3}, {4, 3}, f32, f32, {}, "quantInfo axis -2 must be identical to psum axis -1"},
+      {si32, {2, 3}, {2, 3}, {3, 3, 3}, f32, f32, {}, "quantInfo axis 0 must be 1 or psum axis 0"},
+      {si32, {2, 3}, {2, 3}, {3, 3}, f32, f64, {}, "fout must be f32, f16, bf16, si8, si16 or si32"},
+      {si32, {2, 3}, {2, 3}, {3, 3}, f32, f32, Tensor::create(si8, {2, 3}), "sumin must be f32 or f16"},
+      {si32, {2, 3}, {2, 3}, {3, 3}, f32, f32, Tensor::create(f32, {2, 1, 3}), "shape of psum and sumin must be identical"},
+  };
+  for (const Case& c : cases) {
+    Tensor fout = filled(c.foutType, c.fout, 0x5a);
+    const std::string before = storageBytes(fout);
+    EXPECT_EQ(TaeConvFPP(fout, Tensor::create(c.psumType, c.psum), filled(c.quantType, c.quant, 0), c.sumin, false,
+                         false, false).message(), c.expected);
+    EXPECT_EQ(storageBytes(fout), before) << c.expected;
+  }
+  // Per tensor, one row serves every channel.
+  Tensor out = Tensor::create(ElementType::f32, {1, 3});
+  ASSERT_TRUE(TaeConvFPP(out, tensorOf<int32_t>(ElementType::si32, {1, 3}, {1, 2, 3}), floatRowsOf({{1, 0, 2}}),
+                         Tensor(), false, false, true)
+                  .ok());
+  EXPECT_EQ(valuesOf<float>(out), (std::vector<float>{3, 5, 7}));
+}
+
+// ---------------------------------------------------------------------------
+
+TEST(LyraGenFloatQuantInfo, ValuesAreFoldedAndRoundedToTheNearestFp24) {
+  const Tensor bias = tensorOf<float>(ElementType::f32, {2}, {1.0f, -2.0f});
+  const Tensor weight = tensorOf<int8_t>(ElementType::si8, {2, 1, 1, 2}, {3, 4, -1, 0});
+  Tensor out = Tensor::create(ElementType::f32, {2, 3});
+  // scale = 0.5 * {0.1, 0.2} / 0.25 = {0.2, 0.4}; suminScale = 0.3 / 0.25 =
+  // 1.2; bias = (real bias / acc scale - 2 * weight sum) * scale + 3 =
+  // (20 - 14) * 0.2 + 3 = 4.2 and (-20 + 2) * 0.4 + 3 = -4.2.
+  ASSERT_TRUE(GenFloatQuantInfo(out, weight, bias, {0.5}, 2, {0.1, 0.2}, {0.3}, {0.25}, 3).ok());
+  // Nearest fp24 (16 bits): 4.2 -> 0x408666, 1.2 -> 0x3f999a, 0.2 -> 0x3e4ccd,
+  // 0.4 -> 0x3ecccd (the float32 cut would give ...666, ...999, ...ccc, ...ccc).
+  EXPECT_EQ(bitsOf<float>(out), (std::vector<uint32_t>{0x40866600, 0x3f999a00, 0x3e4ccd00, 0xc0866600, 0x3f999a00,
+                                                       0x3ecccd00}));
+  // Without sumin the suminScale is 0; an si32 bias is in accumulator units.
+  ASSERT_TRUE(GenFloatQuantInfo(out, Tensor(), tensorOf<int32_t>(ElementType::si32, {2}, {10, -10}), {1}, 0, {0.5}, {},
+                                {1}, 0).ok());
+  EXPECT_EQ(valuesOf<float>(out), (std::vector<float>{5, 0, 0.5f, -5, 0, 0.5f}));
+}
+
+TEST(LyraGenFloatQuantInfo, ChecksInOrder) {
+  struct Case { ElementType type; std::vector<long> quant; Tensor bias; double fout; const char* expected; };
+  const ElementType f32 = ElementType::f32;
+  const Case cases[] = {
+      {f32, {1, 3, 1}, {}, 1, "quantInfo must be rank of 2"},
+      {f32, {1, 3}, tensorOf<float>(f32, {1, 1}, {0}), 1, "bias must be rank of 1"},
+      {f32, {1, 6}, {}, 1, "quantInfo axis 1 size must be 3"},
+      {f32, {1, 3}, tensorOf<float>(f32, {2}, {0, 0}), 1, "quantInfo and bias axis 0 size must be identical"},
+      {ElementType::f64, {1, 3}, {}, 1, "float quantInfo must be f32"},
+      {f32, {1, 3}, tensorOf<int8_t>(ElementType::si8, {1}, {0}), 1, "bias must be f32, f64 or si32"},
+      {f32, {1, 3}, {}, -1, "fout scale must be positive and finite"},
+      {f32, {1, 3}, tensorOf<double>(ElementType::f64, {1}, {1e300}), 1, "can not get bias in range of fp24 on channel 0"},
+      {f32, {1, 3}, {}, 1e-300, "can not get scale in range of fp24 on channel 0"},
+      {f32, {1, 3}, {}, 1e300, "can not get scale in range of fp24 on channel 0"},  // nonzero, flushed to zero
+  };
+  for (const Case& c : cases) {
+    Tensor out = Tensor::create(c.type, c.quant);
+    EXPECT_EQ(GenFloatQuantInfo(out, Tensor(), c.bias, {1}, 0, {1}, {}, {c.fout}, 0).message(), c.expected);
+  }
+}

@@ -1,0 +1,266 @@
+// The integer post-process of both generations against hand-worked values,
+// against a reference written with floor divisions (decoded rows taken as
+// their encoding holds them, the encoded path alike), its tables, trace
+// lines and checks.
+#include <gtest/gtest.h>
+
+#include "Vela/VelaTestUtil.h"
+
+using namespace kora;
+using namespace kora::test;
+
+namespace {
+
+template <class T>
+T ppOne(const Generation& g, int32_t psum, const Row& row, bool relu, bool round, const Tensor& sumin = Tensor()) {
+  Tensor out = Tensor::create(elementTypeOf<T>, {1, 1});
+  const Status s = g.pp(out, tensorOf<int32_t>(ElementType::si32, {1, 1}, {psum}), rowsOf({row}), sumin, relu, round,
+                        false);
+  EXPECT_TRUE(s.ok()) << s.message();
+  return valuesOf<T>(out)[0];
+}
+
+}  // namespace
+
+TEST(VelaPostProcess, HandWorkedSteps) {
+  struct Case { char gens; const char* what; int32_t psum; Row row; bool relu, round; int32_t expected8, expected16, expected32; };
+  const Case cases[] = {
+      {'B', "3 >> 1 rounds up to 2", 3, {0, 0, 0, 0, 1, 1}, false, true, 2, 2, 2},
+      {'B', "-3 >> 1 rounds to -1: half up", -3, {0, 0, 0, 0, 1, 1}, false, true, -1, -1, -1},
+      {'B', "postRShift 0 has no bit to add", 7, {0, 0, 0, 0, 1, 0}, false, true, 7, 7, 7},
+      {'B', "relu turns a negative sum into 0", -5, {0, 0, 0, 0, 9, 0}, true, false, 0, 0, 0},
+      {'B', "relu acts on the sum with bias, before any shift", 100, {-101, 0, 0, 3, 1, 0}, true, false, 0, 0, 0},
+      {'B', "without relu the same sum floors to -1", 100, {-101, 0, 0, 3, 1, 0}, false, false, -1, -1, -1},
+      {'B', "the 16-bit clamp comes before the scale", 1 << 20, {0, 0, 0, 0, 2, 0}, false, false, 127, 32767, 65534},
+      {'B', "and after the pre-shift", 1 << 20, {0, 0, 0, 4, 3, 1}, false, false, 127, 32767, 49150},
+      {'B', "scale keeps its low 15 bits", 10, {0, 0, 0, 0, 0x18003, 0}, false, false, 30, 30, 30},
+      {'B', "bias keeps its low 32 bits", 1, {(int64_t(1) << 32) - 3, 0, 0, 0, 1, 0}, false, false, -2, -2, -2},
+      {'B', "the output clamps at its type", -40000, {0, 0, 0, 0, 32767, 0}, false, false, -128, -32768, -1073709056},
+      {'V', "psum + bias leaves int32 without wrapping", INT32_MAX, {INT32_MAX, 0, 0, 17, 1, 0}, false, false, 127,
+       32767, 32767},
+      {'L', "(2^32 - 2) >> 25 = 127", INT32_MAX, {INT32_MAX, 0, 0, 25, 1, 0}, false, false, 127, 127, 127},
+      {'V', "preRShift above 17 counts as 0", 64, {0, 0, 0, 18, 1, 0}, false, false, 64, 64, 64},
+      {'L', "preRShift 18 is valid", 1 << 20, {0, 0, 0, 18, 3, 0}, false, false, 12, 12, 12},
+      {'L', "preRShift 26 counts as 0", 1000, {0, 0, 0, 26, 1, 0}, false, false, 127, 1000, 1000},
+      {'V', "postRShift keeps its low 5 bits", 64, {0, 0, 0, 0, 1, 33}, false, false, 32, 32, 32},
+      {'L', "postRShift 33 is not masked to 1", 8, {0, 0, 0, 0, 1, 33}, false, false, 0, 0, 0},
+      {'L', "postRShift 40 leaves 0 of a positive value", 32767, {0, 0, 0, 0, 32767, 40}, false, false, 0, 0, 0},
+      {'L', "... and -1 of a negative one", -5, {0, 0, 0, 0, 1, 40}, false, false, -1, -1, -1},
+      {'L', "with rounding bit 39 of -5 is added", -5, {0, 0, 0, 0, 1, 40}, false, true, 0, 0, 0},
+      {'L', "postRShift 41 counts as 0", 7, {0, 0, 0, 0, 3, 41}, false, false, 21, 21, 21},
+  };
+  for (const Case& c : cases)
+    for (const Generation* g : kGenerations) {
+      if (!runsOn(c.gens, *g)) continue;
+      EXPECT_EQ(ppOne<int8_t>(*g, c.psum, c.row, c.relu, c.round), c.expected8) << g->name << ": " << c.what;
+      EXPECT_EQ(ppOne<int16_t>(*g, c.psum, c.row, c.relu, c.round), c.expected16) << g->name << ": " << c.what;
+      EXPECT_EQ(ppOne<int32_t>(*g, c.psum, c.row, c.relu, c.round), c.expected32) << g->name << ": " << c.what;
+    }
+}
+
+TEST(VelaPostProcess, SuminIsRescaledAndAddedBeforeReluAndShifts) {
+  struct Case { char gens; const char* what; ElementType type; int32_t sumin; int64_t scale, rshift; int32_t expected; };
+  // psum 1000, bias 24, preRShift 2, scale 1, postRShift 0, relu on, 16-bit
+  // output: clamp16((1024 + rescaled) >> 2).
+  const ElementType si8 = ElementType::si8, si16 = ElementType::si16, si32 = ElementType::si32;
+  const Case cases[] = {
+      {'B', "8-bit: -3 * 101 >> 2 floors to -76", si8, -3, 101, 2, (1024 - 76) / 4},
+      {'B', "8-bit: a negative shift shifts left", si8, -2, 3, -5, (1024 - 192) / 4},
+      {'B', "8-bit: scale keeps 15 bits", si8, 1, 0x8000 + 40, 0, (1024 + 40) / 4},
+      {'B', "8-bit: a shift of 23 counts as 0", si8, 1, 40, 23, (1024 + 40) / 4},
+      {'V', "8-bit: -14 counts as 0", si8, 1, 40, -14, (1024 + 40) / 4},
+      {'L', "8-bit: -17 shifts left by 17", si8, 1, 1, -17, 32767},
+      {'L', "8-bit: -18 counts as 0", si8, 1, 40, -18, (1024 + 40) / 4},
+      {'B', "8-bit: a sum made negative is zeroed by relu", si8, -128, 32767, 0, 0},
+      {'L', "16-bit: 30000 * 3 >> 2", si16, 30000, 3, 2, (1024 + 22500) / 4},
+      {'L', "16-bit: 2 * 3 << 10", si16, 2, 3, -10, (1024 + 6144) / 4},
+      {'B', "32-bit: >> 8 floors", si32, -2561, 0, 8, (1024 - 11) / 4},
+      {'B', "32-bit: << 8", si32, 3, 0, -8, (1024 + 768) / 4},
+      {'B', "32-bit: no shift, scale unused", si32, -7, 999, 0, (1024 - 7) / 4},
+      {'B', "32-bit: INT32_MAX >> 8 then the clamp", si32, INT32_MAX, 0, 8, 32767},
+  };
+  for (const Case& c : cases)
+    for (const Generation* g : kGenerations) {
+      if (!runsOn(c.gens, *g)) continue;
+      const Tensor sumin = convertedTensor(c.type, {1, 1}, std::vector<int32_t>{c.sumin});
+      EXPECT_EQ(ppOne<int16_t>(*g, 1000, {24, c.scale, c.rshift, 2, 1, 0}, true, false, sumin), c.expected)
+          << g->name << ": " << c.what;
+    }
+}
+
+TEST(VelaPostProcess, MatchesTheFloorDivisionReferenceOnDecodedAndEncodedRows) {
+  // Rows with fields beyond their ranges: the registers hold what their
+  // encoding holds, so the reference runs on the rows decoded back.
+  std::mt19937 rng(31);
+  const long K = 16, n = 24;
+  const ElementType outputs[] = {ElementType::si8, ElementType::si16, ElementType::si32};
+  for (const Generation* g : kGenerations)
+    for (ElementType suminType : {ElementType::invalid, ElementType::si8, ElementType::si16, ElementType::si32}) {
+      if (suminType == ElementType::si16 && !g->second) continue;
+      const bool sumin32 = suminType == ElementType::si32;
+      for (int trial = 0; trial < 6; ++trial) {
+        std::vector<Row> rows(K);
+        for (Row& r : rows)
+          r = {int64_t(rng()) - (int64_t(1) << 31) + int64_t(rng() % 8) * (int64_t(1) << 32), int64_t(rng() % 70000),
+               sumin32 ? int64_t(rng() % 3) * 8 - 8 : g->suminMin - 3 + int64_t(rng() % 45), int64_t(rng() % 36) - 2,
+               int64_t(rng() % 70000), int64_t(rng() % (g->postMask + 9))};
+        const auto words = encodeRows(*g, rows, sumin32);
+        const auto registers = decodeWords(*g, words, sumin32);
+        const Tensor encoded = tensorOf<int64_t>(ElementType::si64, {K, g->words(sumin32)}, words);
+        std::vector<int32_t> psum(size_t(n * K)), suminValues(size_t(n * K), 0);
+        for (int32_t& v : psum) v = int32_t(rng()) >> (rng() % 31);
+        Tensor sumin;
+        if (suminType != ElementType::invalid) {
+          for (int32_t& v : suminValues) v = int32_t(rng()) >> (rng() % 31);
+          sumin = convertedTensor(suminType, {n, K}, suminValues);
+          const auto narrowed = integersOf(sumin);
+          suminValues.assign(narrowed.begin(), narrowed.end());
+        }
+        const bool relu = rng() % 2, round = rng() % 2;
+        const ElementType outType = outputs[trial % 3];
+        Tensor a = Tensor::create(outType, {n, K}), b = Tensor::create(outType, {n, K});
+        const Tensor psumTensor = tensorOf<int32_t>(ElementType::si32, {n, K}, psum);
+        ASSERT_TRUE(g->pp(a, psumTensor, rowsOf(rows), sumin, relu, round, false).ok());
+        ASSERT_TRUE(g->ppEncoded(b, psumTensor, encoded, sumin, relu, round, false).ok());
+        const auto got = integersOf(a);
+        EXPECT_EQ(integersOf(b), got) << g->name;
+        const int64_t hi = outType == ElementType::si8 ? 127 : outType == ElementType::si16 ? 32767 : INT32_MAX;
+        for (long i = 0; i < n * K; ++i) {
+          Row q;
+          std::copy_n(registers.begin() + (i % K) * 6, 6, q.begin());
+          ASSERT_EQ(got[size_t(i)], referencePP(psum[i], suminValues[i], sumin32, q, relu, round, -hi - 1, hi))
+              << g->name << " sumin " << int(suminType) << " trial " << trial << " element " << i;
+        }
+      }
+    }
+}
+
+TEST(VelaPostProcess, TablesPerTensorPerImageAndLongerThanNeeded) {
+  const Tensor psum = tensorOf<int32_t>(ElementType::si32, {2, 1, 2}, {10, 20, 30, 40});
+  auto table = [](std::vector<long> shape, std::vector<int64_t> scales) {
+    std::vector<int64_t> flat;
+    for (int64_t s : scales) flat.insert(flat.end(), {0, 0, 0, 0, s, 0});
+    return tensorOf<int64_t>(ElementType::si64, shape, flat);
+  };
+  struct Case { char gens; Tensor quantInfo; bool perTensor; std::vector<int16_t> expected; };
+  const Case cases[] = {
+      {'B', rowsOf({{1, 0, 0, 0, 2, 0}}), true, {22, 42, 62, 82}},
+      {'B', table({2, 2, 6}, {1, 2, 3, 4}), false, {10, 40, 90, 160}},  // one table per image
+      {'B', table({1, 2, 6}, {1, 2}), false, {10, 40, 30, 80}},
+      {'V', table({3, 6}, {2, 3, 5}), false, {20, 60, 60, 120}},  // the first generation takes longer tables
+      {'V', table({2, 6}, {2, 3}), true, {20, 40, 60, 80}},
+  };
+  for (const Case& c : cases)
+    for (const Generation* g : kGenerations) {
+      if (!runsOn(c.gens, *g)) continue;
+      Tensor out = Tensor::create(ElementType::si16, {2, 1, 2});
+      ASSERT_TRUE(g->pp(out, psum, c.quantInfo, Tensor(), false, false, c.perTensor).ok());
+      EXPECT_EQ(valuesOf<int16_t>(out), c.expected) << g->name;
+    }
+}
+
+TEST(VelaPostProcess, TraceShowsEveryStep) {
+  // middle: the sumin lines.
+  struct Case { const Generation* g; Tensor sumin; Row row; std::vector<std::string> middle; };
+  const Case cases[] = {
+      {&kVela, tensorOf<int8_t>(ElementType::si8, {1, 2}, {0, -3}), {-100, 5, -2, 1, 3, 2},
+       {"rescaledSumin = sumin8[0, 1] * suminScale //  -3 * 5 -> -15",
+        "rescaledSumin = rescaledSumin << (-1 * suminRShift(-2)) // -60", "psum64 += rescaledSumin //  -160"}},
+      {&kVela, tensorOf<int8_t>(ElementType::si8, {1, 2}, {0, 7}), {-100, 5, 1, 1, 3, 2},
+       {"rescaledSumin = sumin8[0, 1] * suminScale //  7 * 5 -> 35",
+        "rescaledSumin = rescaledSumin >> suminRShift(1)) // 17", "psum64 += rescaledSumin //  -83"}},
+      {&kVela, tensorOf<int32_t>(ElementType::si32, {1, 2}, {0, 3}), {-100, 0, -8, 1, 3, 2},
+       {"sumin32 = sumin[0, 1] // 3", "rescaledSumin = sumin32 << (-1 * suminRShift) // 3 << (-1 * -8) -> 768",
+        "psum64 += rescaledSumin //  668"}},
+      {&kVela, tensorOf<int32_t>(ElementType::si32, {1, 2}, {0, -513}), {-100, 0, 8, 1, 3, 2},
+       {"sumin32 = sumin[0, 1] // -513", "rescaledSumin = sumin32 >> suminRShift // -513 >> 8 -> -3",
+        "psum64 += rescaledSumin //  -103"}},
+      {&kLyra, tensorOf<int8_t>(ElementType::si8, {1, 2}, {0, -3}), {-100, 5, -2, 1, 3, 2},
+       {"rescaledSumin = sumin8[0, 1] * suminScale //  -3 * 5 -> -15", "suminRShift -2",
+        "rescaledSumin = rescaledSumin << (-1 * suminRShift) //  -60", "psum64 += rescaledSumin //  -160"}},
+      {&kLyra, tensorOf<int16_t>(ElementType::si16, {1, 2}, {0, 3000}), {-100, 5, 3, 1, 3, 2},
+       {"rescaledSumin = sumin16[0, 1] * suminScale //  3000 * 5 -> 15000", "suminRShift 3",
+        "rescaledSumin = rescaledSumin >> suminRShift //  1875", "psum64 += rescaledSumin //  1775"}},
+      {&kLyra, tensorOf<int32_t>(ElementType::si32, {1, 2}, {0, 3}), {-100, 0, -8, 1, 3, 2},
+       {"sumin32 = sumin[0, 1] // 3", "suminRShift -8", "rescaledSumin = sumin32 << (-1 * suminRShift) //  768",
+        "psum64 += rescaledSumin //  668"}},
+      {&kLyra, tensorOf<int32_t>(ElementType::si32, {1, 2}, {0, -513}), {-100, 0, 8, 1, 3, 2},
+       {"sumin32 = sumin[0, 1] // -513", "suminRShift 8", "rescaledSumin = sumin32 >> suminRShift //  -3",
+        "psum64 += rescaledSumin //  -103"}},
+  };
+  for (const Case& c : cases) {
+    Tensor out = Tensor::create(ElementType::si8, {1, 2});
+    TraceCapture capture;
+    ScopedTracePoint point({0, 1});
+    ASSERT_TRUE(
+        c.g->pp(out, tensorOf<int32_t>(ElementType::si32, {1, 2}, {0, 0}), rowsOf({{}, c.row}), c.sumin, true, true,
+                false).ok());
+    // The common tail, worked by hand from the sum after sumin.
+    const int64_t sum = std::stoll(c.middle.back().substr(c.middle.back().rfind(' ') + 1));
+    const int64_t relu = sum < 1 ? 0 : sum, pre = relu / 2, scaled = pre * 3, post = (scaled + 2) / 4;
+    const int64_t stored = std::min<int64_t>(post, 127);
+    std::vector<std::string> expected = {"psum64 = psum[0, 1] // 0", "psum64 += bias(-100) // -100"};
+    expected.insert(expected.end(), c.middle.begin(), c.middle.end());
+    for (const std::string& line :
+         {fmt::format("psum64 = relu(psum64) //  {}", relu), fmt::format("psum64 >>= preRShift(1) // {}", pre),
+          fmt::format("psum64 = clamp16(psum64) // {}", pre), fmt::format("psum64 *= scale(3) // {}", scaled),
+          fmt::format("psum64 >>~= postRShift(2) // {}", post), fmt::format("fout[0, 1] = clamp(psum64) // {}", stored)})
+      expected.push_back(line);
+    EXPECT_EQ(capture.lines(), expected);
+    EXPECT_EQ(valuesOf<int8_t>(out)[1], stored) << "the stored value is the traced one";
+  }
+}
+
+TEST(VelaPostProcess, ChecksInOrderAndWritesNothing) {
+  const ElementType si8 = ElementType::si8, si16 = ElementType::si16, si32 = ElementType::si32,
+                    si64 = ElementType::si64, f32 = ElementType::f32;
+  // Each generation's message (nullptr: not a failure of that generation).
+  struct Case { const char *first, *second; bool encoded, perTensor; Tensor psum, quantInfo, sumin; ElementType foutType; };
+  const Tensor psum = Tensor::create(si32, {2, 3}), rows = filled(si64, {3, 6}, 0);
+  const char* same = "";
+  const Case cases[] = {
+      {"psum must be si32", same, false, false, Tensor::create(si16, {2, 3}), rows, {}, si8},
+      {"shape of psum and fout must be identical", same, false, false, Tensor::create(si32, {3, 2}), rows, {}, si8},
+      {"decoded quantInfo must be si64", same, false, false, psum, filled(si32, {3, 6}, 0), {}, si8},
+      {"encoded and decoded quantInfo must be si64", "encoded quantInfo must be si64", true, false, psum,
+       filled(si32, {3, 2}, 0), {}, si8},
+      {"quantInfo rank must be either 2 or 3", same, false, false, psum, filled(si64, {18}, 0), {}, si8},
+      {"decoded quantInfo axis -1 be 6", same, false, false, psum, filled(si64, {3, 5}, 0), {}, si8},
+      {"encode tensor axis -1 must be either 1 or 2", "encode tensor axis -1 must be 2", true, false, psum, rows, {},
+       si8},
+      {"psum must have a channel axis", same, false, false, Tensor::create(si32, {}), rows, {}, si8},
+      {"quantInfo axis -2 must be greater or equal to psum axis -1", "quantInfo axis -2 must be identical to psum axis -1",
+       false, false, psum, filled(si64, {2, 6}, 0), {}, si8},
+      {"quantInfo axis -2 must be greater or equal to psum axis -1", "quantInfo axis -2 must be identical to psum axis -1",
+       false, true, psum, Tensor::create(si64, {0, 6}), {}, si8},
+      {nullptr, "quantInfo axis -2 must be identical to psum axis -1", false, false, psum, filled(si64, {4, 6}, 0), {},
+       si8},
+      {nullptr, "quantInfo axis -2 must be identical to psum axis -1", false, true, psum, filled(si64, {2, 6}, 0), {},
+       si8},
+      {"quantInfo axis 0 must be 1 or psum axis 0", same, false, false, psum, filled(si64, {3, 3, 6}, 0), {}, si8},
+      {"fout must be si8, si16 or si32", same, false, false, psum, rows, {}, f32},
+      {"sumin must be 8bit or 32bit", "sumin must be 8bit 16bit or 32bit", false, false, psum, rows,
+       Tensor::create(f32, {2, 3}), si8},
+      {"shape of psum and sumin must be identical", same, false, false, psum, rows, Tensor::create(si8, {3, 2}), si8},
+      {"sumin type does not match the quantInfo form", nullptr, true, false, psum, filled(si64, {3, 2}, 0),
+       Tensor::create(si32, {2, 3}), si8},
+      {"i32 suminRShift must be one of [8, 0, -8], but got 4", same, false, false, psum,
+       rowsOf({{}, {0, 0, 4, 0, 1, 0}, {}}), Tensor::create(si32, {2, 3}), si8},
+  };
+  for (const Generation* g : kGenerations)
+    for (const Case& c : cases) {
+      const char* expected = g->second && c.second != same ? c.second : c.first;
+      if (!expected) continue;
+      Tensor fout = filled(c.foutType, c.psum.rank() == 2 ? std::vector<long>{2, 3} : std::vector<long>{}, 0x5a);
+      const std::string before = storageBytes(fout);
+      const Status s = c.encoded ? g->ppEncoded(fout, c.psum, c.quantInfo, c.sumin, true, true, c.perTensor)
+                                 : g->pp(fout, c.psum, c.quantInfo, c.sumin, true, true, c.perTensor);
+      EXPECT_EQ(s.message(), expected) << g->name;
+      EXPECT_EQ(storageBytes(fout), before) << expected;
+    }
+  for (const Generation* g : kGenerations) {
+    Tensor noData(si8, std::vector<long>{2, 3});
+    EXPECT_EQ(g->pp(noData, psum, rows, Tensor(), false, false, false).message(),
+              "post-process operands must hold data");
+  }
+}
