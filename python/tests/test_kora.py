@@ -18,8 +18,7 @@ def test_kernels_lists_the_table_with_kind_names():
     assert [(k.outputs, k.inputs, k.has_config, k.defaults) for k in relu] == [(["Tensor"], ["Tensor"], True, [])]
     assert repr(relu[0]) == "Kernel('native::ReLU', outputs=[Tensor], inputs=[Tensor])"
     assert [k.name for k in kora.kernels("native::ReL*")] == [RELU]
-    by_substring = [k.name for k in kora.kernels("relu")]
-    assert RELU in by_substring and all("relu" in name.lower() for name in by_substring)
+    assert RELU in [k.name for k in kora.kernels("relu")] and all("relu" in k.name.lower() for k in kora.kernels("relu"))
     assert kora.kernels("no such kernel") == []
 
 
@@ -121,17 +120,12 @@ def test_serialized_form_and_bad_files(tmp_path):
     assert (type(t), t.element_type, repr(t), str(t)) == (kora.Tensor, "vbf16", "Tensor<vbf16,1x2,4x2>", "[[ 1. -3.]]")
     with pytest.raises(TypeError, match="element type vbf16 has no numpy dtype"):
         t.numpy()
-    kora.save(str(tmp_path / "copy.kora"), t)
-    assert (tmp_path / "copy.kora").read_bytes() == path.read_bytes()
-    kora.save(str(tmp_path / "forced"), np.zeros(2, dtype=np.int8), format="kora")
-    assert (tmp_path / "forced").read_bytes()[:8] == struct.pack("<Q", 0xFADE)
-    path = tmp_path / "bad.npy"
-    for data, reason in [(b"", "empty file: neither a .npy file nor a serialized tensor"),
-                         (struct.pack("<3Q", 0xFADE, 0x40003, 99), "corrupt header: rank 99 is above 11")]:
-        path.write_bytes(data)
-        with pytest.raises(kora.Error) as error:
-            kora.load(str(path))
-        assert str(error.value) == f"{path}: {reason}"
+    kora.save(str(tmp_path / "copy"), t, format="kora")
+    assert (tmp_path / "copy").read_bytes() == path.read_bytes()
+    path.write_bytes(struct.pack("<3Q", 0xFADE, 0x40003, 99))
+    with pytest.raises(kora.Error) as error:
+        kora.load(str(path))
+    assert str(error.value) == f"{path}: corrupt header: rank 99 is above 11"
     cases = [(tmp_path / "copy.npy", t, {}, kora.Error, "element type vbf16 has no .npy counterpart"),
              (tmp_path / "x", np.zeros(1), {"format": "csv"}, ValueError, "unknown format 'csv'"),
              (tmp_path / "no" / "x.npy", np.zeros(1), {}, kora.Error, "cannot write: No such file or directory")]
@@ -141,25 +135,24 @@ def test_serialized_form_and_bad_files(tmp_path):
 
 
 def test_metrics_and_compare():
-    e = np.array([1, 2, 3, 4], dtype=np.float32)
-    assert kora.RootMeanSquareDeviation(e, e + [0, 0, 0, 1]) == 0.5
-    assert kora.MaximumQuantizationNoise(e, e + [0, -2, 0, 1]) == 2
-    assert kora.SignalQuantizationNoiseRatio([1.0, 2.0], [-1.0, -2.0]) == pytest.approx(10 * np.log10(5 / 20), rel=1e-15)
-    assert kora.CosineDistance([1.0, 2.0], [-1.0, -2.0]) == 2
-    assert kora.AllClose([100.0], [99.0], 0.01, 0) and not kora.AllClose([99.0], [100.0], 0.01, 0)
-    nan = np.float32(np.nan)
-    assert not kora.AllClose([1.0, nan], [1.0, nan]) and kora.AllClose([1.0, nan], [1.0, nan], equal_nan=True)
-    assert not kora.AllIdentical(np.array([1, 2], np.int8), np.array([1, 2], np.int16))
-    assert not kora.AllIdentical(np.array([-0.0], np.float32), np.array([0.0], np.float32))
-    with pytest.raises(kora.Error, match="shape mismatch: expected 2, actual 3"):
-        kora.RootMeanSquareDeviation(np.zeros(2), np.zeros(3))
     e = np.array([[1, 2], [3, 4]], dtype=np.float32)
     a = np.array([[1, 2.5], [3, 3.75]], dtype=np.float32)
+    metrics = [kora.CosineDistance(e, a), kora.RootMeanSquareDeviation(e, a), kora.MaximumQuantizationNoise(e, a),
+               kora.SignalQuantizationNoiseRatio(e, a), kora.AllClose(e, a), kora.AllIdentical(e, a)]
     c = kora.compare(e, a)
-    assert not c and not c.all_close and not c.all_identical
-    assert (c.elements, c.mismatches, c.maximum_quantization_noise) == (4, 2, 0.5)
+    assert metrics == [c.cosine_distance, c.root_mean_square_deviation, c.maximum_quantization_noise,
+                       c.signal_quantization_noise_ratio, False, False]
     assert c.root_mean_square_deviation == pytest.approx(np.sqrt((0.25 + 0.0625) / 4), rel=1e-15)
+    assert c.signal_quantization_noise_ratio == pytest.approx(10 * np.log10(30 / 0.3125), rel=1e-14)
+    assert (bool(c), c.all_close, c.all_identical, c.elements, c.mismatches, c.maximum_quantization_noise) == \
+        (False, False, False, 4, 2, 0.5)
     assert c.worst == [((0, 1), 2.0, 2.5, 0.5), ((1, 1), 4.0, 3.75, -0.25)]
     assert str(c).startswith("AllClose                      no: 2 of 4 elements differ beyond rtol 1e-05, atol 1e-08\n")
     assert "worst mismatches (2 of 2):" in c.view()
     assert kora.compare(e, e.astype(np.float16)) and kora.compare(e, a, atol=0.5).all_close
+    assert kora.AllClose([100.0], [99.0], 0.01, 0) and not kora.AllClose([99.0], [100.0], 0.01, 0)
+    nan = np.float32(np.nan)
+    assert not kora.AllClose([1.0, nan], [1.0, nan]) and kora.AllClose([1.0, nan], [1.0, nan], equal_nan=True)
+    assert not kora.AllIdentical(np.array([1, 2], np.int8), np.array([1, 2], np.int16))
+    with pytest.raises(kora.Error, match="shape mismatch: expected 2, actual 3"):
+        kora.RootMeanSquareDeviation(np.zeros(2), np.zeros(3))

@@ -63,20 +63,15 @@ TEST(Context, EnvironmentIsReadAtConstruction) {
   }
 }
 
-TEST(TracePoint, MatchesOnlyACoordinateInsideTheOutputOfItsRank) {
-  struct Case { std::vector<long> point; bool active; };
-  const Case cases[] = {{{}, false}, {{1, 2}, true}, {{0, 0}, true}, {{2, 0}, false},
-                        {{1, 3}, false}, {{-1, 0}, false}, {{1}, false}, {{1, 2, 0}, false}};
-  for (const Case& c : cases) {
-    test::ScopedTracePoint point(c.point);
+TEST(Trace, PointMatchesOnlyInsideTheOutputOfItsRankAndLinesGoToTheDefaultLoggerWhenItListens) {
+  const std::pair<std::vector<long>, bool> points[] = {{{}, false}, {{1, 2}, true}, {{0, 0}, true}, {{2, 0}, false},
+                                                       {{1, 3}, false}, {{-1, 0}, false}, {{1}, false}, {{1, 2, 0}, false}};
+  for (const auto& [point, active] : points) {
+    test::ScopedTracePoint scope(point);
     TracePoint tp = TracePoint::forOutput(std::vector<long>{2, 3});
-    EXPECT_EQ(bool(tp), c.active) << fmt::format("{}", Coord(c.point));
-    EXPECT_TRUE(!c.active || (tp.matches(c.point) && !tp.matches(std::vector<long>{1, 1})));
+    EXPECT_EQ(bool(tp), active) << fmt::format("{}", Coord(point));
+    EXPECT_TRUE(!active || (tp.matches(point) && !tp.matches(std::vector<long>{1, 1})));
   }
-  EXPECT_EQ(fmt::format("{}", Coord()), "[]");
-}
-
-TEST(Trace, LinesGoToTheDefaultLoggerOnlyWhenItListens) {
   test::LogCapture hostSink;
   int evaluated = 0;
   {
@@ -85,8 +80,8 @@ TEST(Trace, LinesGoToTheDefaultLoggerOnlyWhenItListens) {
     NoTrace quiet;
     KORA_TRACE(quiet, "{}", ++evaluated);  // untraced steps do not evaluate their arguments
     Tracer loud;
-    KORA_TRACE(loud, "{}", ++evaluated);
-    EXPECT_EQ(capture.lines(), (std::vector<std::string>{"x[2, 0] // 1.5 -> 2.5", "1"}));
+    KORA_TRACE(loud, "{}{}", ++evaluated, Coord());
+    EXPECT_EQ(capture.lines(), (std::vector<std::string>{"x[2, 0] // 1.5 -> 2.5", "1[]"}));
   }
   EXPECT_EQ(evaluated, 1);
   EXPECT_TRUE(hostSink.messages.empty()) << "trace lines are not host messages";

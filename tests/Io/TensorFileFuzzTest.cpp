@@ -15,19 +15,16 @@ namespace {
 
 std::vector<std::string> seeds() {
   std::vector<std::string> list;
-  const std::pair<Tensor, TensorFileFormat> tensors[] = {
-      {test::tensorOf<float>(ElementType::f32, {2, 3}, {1, -2, 3.5f, 0, 1e30f, -1e-30f}), TensorFileFormat::Npy},
-      {test::tensorOf<int16_t>(ElementType::si16, {3, 1, 2}, {1, 2, 3, 4, 5, 6}), TensorFileFormat::Npy},
-      {test::tensorOf<uint8_t>(ElementType::bool8, {4}, {0, 1, 1, 0}), TensorFileFormat::Npy},
-      {test::tensorOf<double>(ElementType::f64, {}, {2.5}), TensorFileFormat::Npy},
-      {Tensor::create(ElementType::ui64, {0, 4}), TensorFileFormat::Npy},
-      {test::tensorOf<int32_t>(ElementType::si32, {3, 2}, {1, 2, 3, 4, 5, 6}), TensorFileFormat::Serialized},
-      {test::tensorOf<uint16_t>(ElementType::f16, {}, {0x3c00}), TensorFileFormat::Serialized}};
-  for (const auto& [t, format] : tensors) {
-    std::vector<char> bytes;
-    if (!encodeTensor(bytes, t, format).ok()) throw std::logic_error("cannot encode a seed");
-    list.emplace_back(bytes.begin(), bytes.end());
-  }
+  const Tensor tensors[] = {test::tensorOf<float>(ElementType::f32, {2, 3}, {1, -2, 3.5f, 0, 1e30f, -1e-30f}),
+                            test::tensorOf<int16_t>(ElementType::si16, {3, 1, 2}, {1, 2, 3, 4, 5, 6}),
+                            test::tensorOf<uint8_t>(ElementType::bool8, {4}, {0, 1, 1, 0}),
+                            test::tensorOf<double>(ElementType::f64, {}, {2.5}), Tensor::create(ElementType::ui64, {0, 4})};
+  for (const Tensor& t : tensors)
+    for (TensorFileFormat format : {TensorFileFormat::Npy, TensorFileFormat::Serialized}) {
+      std::vector<char> bytes;
+      if (!encodeTensor(bytes, t, format).ok()) throw std::logic_error("cannot encode a seed");
+      list.emplace_back(bytes.begin(), bytes.end());
+    }
   // Hand-written variants the writer never produces: version 2, Fortran order, no padding.
   const std::string header = "{'descr': '<i2', 'fortran_order': True, 'shape': (2, 2)}\n";
   list.push_back(std::string("\x93NUMPY\x02\0", 8) + char(header.size()) + std::string(3, '\0') + header + std::string("\1\0\2\0\3\0\4\0", 8));
@@ -84,17 +81,15 @@ TEST(TensorFileFuzz, MutatedFilesReadConsistentlyOrFailInOneLine) {
     ASSERT_TRUE(s.ok() || i >= long(corpus.size())) << "seed " << i << ": " << s.message();
     if (!s.ok()) {
       ++refused;
-      ASSERT_TRUE(s.message().rfind("fuzz: ", 0) == 0 || s.message().rfind(file + ": ", 0) == 0) << s.message();
-      ASSERT_EQ(s.message().find('\n'), std::string::npos) << s.message();
-      ASSERT_FALSE(t.isValid());
+      const std::string& m = s.message();
+      ASSERT_TRUE((m.rfind("fuzz: ", 0) == 0 || m.rfind(file + ": ", 0) == 0) && m.find('\n') == std::string::npos && !t.isValid()) << m;
       continue;
     }
     // What was read is consistent, prints, and writes back to the same elements.
     ++accepted;
     ASSERT_TRUE(t.isValid() && t.rank() <= kMaxRank) << "mutant " << i;
     const unsigned long payload = t.isEmpty() ? 0 : static_cast<unsigned long>(t.numElements()) * byteWidth(t.elementType());
-    ASSERT_EQ(t.byteSpan(), payload);
-    ASSERT_LE(payload, bytes.size());
+    ASSERT_TRUE(t.byteSpan() == payload && payload <= bytes.size()) << "mutant " << i;
     (void)formatValues(t, PrintOptions{50, 3, 75});
     std::vector<char> again;
     ASSERT_TRUE(encodeTensor(again, t, TensorFileFormat::Serialized).ok());

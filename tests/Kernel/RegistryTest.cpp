@@ -13,18 +13,12 @@ using test::tensorOf;
 using test::testKernel;
 using test::valuesOf;
 
-TEST(Registry, EntryPointsAndTheTensorLayout) {
-  EXPECT_EQ(UDE_ABI_CHECK(), 730268002998899u);
-  uint64_t p0 = 5, p1 = 5;
-  KernelRegistry* first = UDE_LIBRARY_MAIN(&p0, &p1);
-  EXPECT_EQ(std::make_pair(p0, p1), std::make_pair(uint64_t(1), uint64_t(0)));
-  EXPECT_EQ(UDE_LIBRARY_MAIN(&p0, &p1), first);
-  EXPECT_EQ(getTabbyCHandle(), first);
-  EXPECT_EQ(&kernelTable(), first);
+TEST(Registry, TheLibraryTableAndTheTensorLayout) {
+  // (tests/standalone/AbiHost.cpp checks the entry points the way a host
+  // calls them, reading the table through its own copy of the layout.)
+  EXPECT_EQ(getTabbyCHandle(), &kernelTable());
   EXPECT_EQ(findKernel("native::ReLU")->impl, reinterpret_cast<KernelEntry::AnyFunction>(&native::ReLU));
-  // Hosts read entries as raw memory: tests/standalone/AbiHost.cpp reads
-  // them through its own copy of the layout; tensors are passed as they are.
-  EXPECT_EQ(sizeof(Tensor), 8u + 88 + 88 + 8 + 8 + 16);
+  EXPECT_EQ(sizeof(Tensor), 8u + 88 + 88 + 8 + 8 + 16) << "hosts pass tensors as they are";
   Dispatcher& d = Dispatcher::singleton();
   EXPECT_TRUE(d.empty()) << "nothing in the library fills the process-wide map";
   d.indexTable(kernelTable());
