@@ -27,7 +27,7 @@ Tensor tensorOf(ElementType type, std::vector<long> shape, const std::vector<T>&
   Tensor t = Tensor::create(type, shape);
   auto data = t.data<T>();
   if (values.size() != data.size()) throw std::logic_error("tensorOf: value count does not match the shape");
-  std::memcpy(data.data(), values.data(), values.size() * sizeof(T));
+  if (!values.empty()) std::memcpy(data.data(), values.data(), values.size() * sizeof(T));  // no null pointers to memcpy
   return t;
 }
 
