@@ -1,3 +1,5 @@
+// The process-wide Context (host sink, type registry, environment) and the
+// trace machinery it drives.
 #include <gtest/gtest.h>
 
 #include <cstdlib>
@@ -7,35 +9,13 @@
 
 using namespace kora;
 
-namespace {
-
-// Sets (or with null, unsets) an environment variable for one scope.
-class ScopedEnv {
- public:
-  ScopedEnv(const char* name, const char* value) : name_(name), had_(std::getenv(name) != nullptr) {
-    if (had_) saved_ = std::getenv(name);
-    value ? setenv(name, value, 1) : unsetenv(name);
-  }
-  ~ScopedEnv() { had_ ? setenv(name_, saved_.c_str(), 1) : unsetenv(name_); }
-
- private:
-  const char* name_;
-  bool had_;
-  std::string saved_;
-};
-
-}  // namespace
-
 TEST(Context, SinkGetsEveryLevelUnchangedAndTheConsoleOnlyKnownOnes) {
   {
     test::LogCapture capture;
     Context::get().log(static_cast<LogLevel>(7), "odd level");
-    Context::get().warn("careful");
     Context::get().logf(LogLevel::critical, "{} + {}", 1, 2);
-    EXPECT_EQ(capture.messages, (std::vector<std::pair<LogLevel, std::string>>{
-                                    {static_cast<LogLevel>(7), "odd level"},
-                                    {LogLevel::warn, "careful"},
-                                    {LogLevel::critical, "1 + 2"}}));
+    EXPECT_EQ(capture.messages, (std::vector<std::pair<LogLevel, std::string>>{{static_cast<LogLevel>(7), "odd level"},
+                                                                               {LogLevel::critical, "1 + 2"}}));
   }
   testing::internal::CaptureStdout();
   Context::get().log(static_cast<LogLevel>(7), "must not appear");
@@ -46,31 +26,22 @@ TEST(Context, SinkGetsEveryLevelUnchangedAndTheConsoleOnlyKnownOnes) {
   EXPECT_NE(out.find("console warning"), std::string::npos);
 }
 
-TEST(Context, TypeRegistrySwitchesAndFixedThreadCount) {
+TEST(Context, TypeRegistryAndFixedThreadCount) {
   Context fresh;
   EXPECT_EQ(fresh.getTypeId("a"), 1000u);
   EXPECT_EQ(fresh.getTypeId("b"), 1001u);
   EXPECT_EQ(fresh.getTypeId("a"), 1000u);
   EXPECT_STREQ(fresh.getTypeStr(1001), "b");
   EXPECT_EQ(fresh.getTypeStr(5), nullptr);
-  Context& context = Context::get();
-  EXPECT_TRUE(context.getEnableVerify());
-  context.setEnableVerify(false);
-  EXPECT_FALSE(context.getEnableVerify());
-  context.setEnableVerify(true);
-  context.setNumThreads(8);
-  EXPECT_EQ(context.getNumThreads(), 1);
-  context.setTracePoint({4, 5});
-  EXPECT_EQ(context.getTracePoint().vec(), (std::vector<long>{4, 5}));
-  context.setTracePoint({});
-  EXPECT_TRUE(context.getTracePoint().empty());
+  Context::get().setNumThreads(8);
+  EXPECT_EQ(Context::get().getNumThreads(), 1);
 }
 
 TEST(Context, EnvironmentIsReadAtConstruction) {
   // What constructing a Context does with KORA_TRACE_COORD set to `value`:
-  // malformed coordinates throw as std::stoi does, out-of-range ones too.
+  // each piece is read as std::stoi reads it, and throws as it does.
   auto traceCoord = [](const char* value) -> std::string {
-    ScopedEnv env("KORA_TRACE_COORD", value);
+    value ? setenv("KORA_TRACE_COORD", value, 1) : unsetenv("KORA_TRACE_COORD");
     try {
       return fmt::format("{}", Coord(Context().getTracePoint()));
     } catch (const std::invalid_argument& e) {
@@ -81,16 +52,55 @@ TEST(Context, EnvironmentIsReadAtConstruction) {
   };
   const std::pair<const char*, std::string> cases[] = {
       {nullptr, "[]"}, {"1,0,3,5", "[1, 0, 3, 5]"}, {" 7,-3", "[7, -3]"}, {"4abc,+2", "[4, 2]"},
-      {"2147483647", "[2147483647]"}, {"-2147483648", "[-2147483648]"},
-      {"0,x", "invalid_argument stoi"}, {"1,,2", "invalid_argument stoi"}, {"1,", "invalid_argument stoi"},
-      {"", "invalid_argument stoi"}, {",1", "invalid_argument stoi"}, {"x", "invalid_argument stoi"},
-      {"99999999999", "out_of_range stoi"}, {"1,2147483648", "out_of_range stoi"}, {"-2147483649", "out_of_range stoi"},
+      {"-2147483648", "[-2147483648]"}, {"0,x", "invalid_argument stoi"}, {"1,,2", "invalid_argument stoi"},
+      {"1,", "invalid_argument stoi"}, {"", "invalid_argument stoi"}, {"1,2147483648", "out_of_range stoi"},
   };
   for (const auto& [value, expected] : cases) EXPECT_EQ(traceCoord(value), expected) << (value ? value : "unset");
-  ScopedEnv threads("KORA_THREAD_NUM", "8");
-  EXPECT_EQ(Context().getNumThreads(), 1);
+  unsetenv("KORA_TRACE_COORD");
   for (const char* verbose : {"0", "1", static_cast<const char*>(nullptr)}) {
-    ScopedEnv env("KORA_DISPATCHER_VERBOSE", verbose);
+    verbose ? setenv("KORA_DISPATCHER_VERBOSE", verbose, 1) : unsetenv("KORA_DISPATCHER_VERBOSE");
     EXPECT_EQ(Context().getVerbose(), verbose != nullptr) << "any value, even 0, turns verbose on";
+  }
+}
+
+TEST(Trace, PointMatchesOnlyInsideTheOutputOfItsRankAndLinesGoToTheDefaultLoggerWhenItListens) {
+  const std::pair<std::vector<long>, bool> points[] = {{{}, false}, {{1, 2}, true}, {{0, 0}, true}, {{2, 0}, false},
+                                                       {{1, 3}, false}, {{-1, 0}, false}, {{1}, false}, {{1, 2, 0}, false}};
+  for (const auto& [point, active] : points) {
+    test::ScopedTracePoint scope(point);
+    TracePoint tp = TracePoint::forOutput(std::vector<long>{2, 3});
+    EXPECT_EQ(bool(tp), active) << fmt::format("{}", Coord(point));
+    EXPECT_TRUE(!active || (tp.matches(point) && !tp.matches(std::vector<long>{1, 1})));
+  }
+  test::LogCapture hostSink;
+  int evaluated = 0;
+  {
+    test::TraceCapture capture;
+    Tracer{}("x{} // {} -> {}", Coord(std::vector<long>{2, 0}), 1.5f, half(2.5f));
+    NoTrace quiet;
+    KORA_TRACE(quiet, "{}", ++evaluated);  // untraced steps do not evaluate their arguments
+    Tracer loud;
+    KORA_TRACE(loud, "{}{}", ++evaluated, Coord());
+    EXPECT_EQ(capture.lines(), (std::vector<std::string>{"x[2, 0] // 1.5 -> 2.5", "1[]"}));
+  }
+  EXPECT_EQ(evaluated, 1);
+  EXPECT_TRUE(hostSink.messages.empty()) << "trace lines are not host messages";
+  test::TraceCapture capture;
+  spdlog::default_logger()->set_level(spdlog::level::warn);
+  EXPECT_FALSE(traceLoggerActive());
+  Tracer{}("fout{} = {}", Coord(std::vector<long>{0}), 1);
+  EXPECT_TRUE(capture.lines().empty());
+}
+
+TEST(Version, TaggedFormsCarryNameAndValue) {
+  const std::string version = KORA_VERSION, hash = KORA_GIT_HASH;
+  EXPECT_FALSE(version.empty());
+  EXPECT_EQ(std::string(KORA_VERSION_WITH_TAG), "@(KORA_VERSION = \"" + version + "\"");
+  EXPECT_EQ(std::string(KORA_GIT_HASH_WITH_TAG), "@(KORA_GIT_HASH = \"" + hash + "\"");
+  EXPECT_EQ(std::string(KORA_SOURCE_DATE_EPOCH_WITH_TAG), "@(KORA_SOURCE_DATE_EPOCH = " + std::to_string(KORA_SOURCE_DATE_EPOCH));
+  // Built from a git checkout: a 40-digit revision; otherwise the value says so.
+  if (hash.rfind("unknown", 0) != 0) {
+    EXPECT_EQ(hash.find_first_not_of("0123456789abcdef"), std::string::npos);
+    EXPECT_EQ(hash.size(), 40u);
   }
 }

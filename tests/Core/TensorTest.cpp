@@ -12,15 +12,11 @@ using test::tensorOf;
 using test::valuesOf;
 
 TEST(Storage, SizesAlignmentAndOwnership) {
-  auto empty = Storage::createUninit(0);
-  EXPECT_EQ(empty->data(), nullptr);
-  EXPECT_EQ(empty->size(), 0u);
+  EXPECT_EQ(Storage::createUninit(0)->data(), nullptr);
   auto one = Storage::createUninit(1, DeviceType::Host, 16);
   EXPECT_EQ(one->size(), 1u);
-  EXPECT_EQ(one->alignment(), 16u);
   EXPECT_EQ(reinterpret_cast<uintptr_t>(one->data()) % 64, 0u);
-  EXPECT_TRUE(one->ownsData());
-  EXPECT_TRUE(one->initializedByCreator());
+  EXPECT_TRUE(one->ownsData() && one->initializedByCreator());
   one->data()[63] = 1;  // the allocation is rounded up to 64 bytes (ASan checks the write)
   // External memory is never freed, nor is owned memory of another device
   // (ASan reports a free of stack memory and a second free).
@@ -31,51 +27,32 @@ TEST(Storage, SizesAlignmentAndOwnership) {
     EXPECT_EQ(t.storage()->data(), buffer);
   }
   EXPECT_EQ(buffer[7], 8);
-  char* data = Storage::createUninit(32, static_cast<DeviceType>(1))->data();
-  std::free(data);
+  std::free(Storage::createUninit(32, static_cast<DeviceType>(1))->data());
 }
 
-TEST(Tensor, StridesAndCoordinates) {
+TEST(Tensor, StridesContiguityPrintingAndValidity) {
   EXPECT_EQ(getStrides({2, 3, 4}, 4), (std::vector<long>{48, 16, 4}));
-  EXPECT_TRUE(getStrides({}, 4).empty());
   EXPECT_EQ(getCoord(5, {2, 1, 3}, {3, 0, 1}), (std::vector<long>{1, 0, 2}));
-  // Every index of a shape maps to a distinct coordinate in row-major order.
-  const std::vector<long> shape = {3, 1, 4, 2};
-  const auto strides = getStrides(shape, 1);
-  EXPECT_EQ(strides, (std::vector<long>{8, 8, 2, 1}));
-  for (long i = 0; i < 24; ++i) {
-    auto c = getCoord(i, shape, strides);
-    EXPECT_EQ(((c[0] * 1 + c[1]) * 4 + c[2]) * 2 + c[3], i);
-  }
-}
-
-TEST(Tensor, Contiguity) {
   struct Case { std::vector<long> shape, strides; long dim; bool contiguous; };
   const Case cases[] = {
-      {{2, 3}, {12, 4}, 0, true},       {{2, 3}, {24, 8}, 0, false},
+      {{2, 3}, {12, 4}, 0, true},  {{2, 3}, {24, 8}, 0, false},
       {{2, 1, 3}, {12, 999, 4}, 0, true},  // size-1 axes are ignored
-      {{2, 3}, {4, 8}, 0, false},       // transposed
-      {{2, 3}, {99, 4}, 1, true},       // axes before dim are not examined
-      {{2, 3}, {99, 4}, -1, true},      {{2, 3}, {99, 4}, -2, false},
-      {{2, 3}, {99, 8}, 2, true},       // past the last axis
-      {{4}, {0}, 0, false},             // broadcast
+      {{2, 3}, {4, 8}, 0, false},  // transposed
+      {{2, 3}, {99, 4}, 1, true},  // axes before dim are not examined
+      {{2, 3}, {99, 4}, -1, true}, {{2, 3}, {99, 4}, -2, false},
+      {{2, 3}, {99, 8}, 2, true},  // past the last axis
+      {{4}, {0}, 0, false},        // broadcast
   };
   for (const Case& c : cases) {
     Tensor t(c.shape, c.strides, ElementType::f32, 0, Storage::createUninit(256));
     EXPECT_EQ(t.isContiguous(c.dim), c.contiguous) << t << " dim " << c.dim;
   }
-  EXPECT_TRUE(Tensor(ElementType::f32, {}).isContiguous(0));
-}
-
-TEST(Tensor, PrintingValidityAndEmptiness) {
   EXPECT_EQ(toString(Tensor::create(ElementType::si8, {1, 3, 4})), "Tensor<si8,1x3x4,12x4x1>");
   EXPECT_EQ(toString(Tensor::create(ElementType::f32, {})), "Tensor<f32>");
   Tensor noType({2, 3}, {3, 1}, ElementType::invalid, 0, nullptr);
   EXPECT_EQ(toString(noType), "Tensor<invalid,2x3,3x1>");
   EXPECT_EQ(toString(TensorType(ElementType::f16, {2, 8})), "TensorType<f16,2x8>");
-  EXPECT_EQ(fmt::format("{}", TensorType(ElementType::si32, {})), "TensorType<si32>");
   EXPECT_FALSE(noType.isValid());
-  EXPECT_FALSE(Tensor().isValid());
   EXPECT_FALSE(Tensor(ElementType::f32, {2}).isValid()) << "no storage";
   EXPECT_FALSE(Tensor::create(ElementType::f32, {2}).view(ElementType::invalid).isValid());
   EXPECT_TRUE(Tensor::create(ElementType::f32, {2, 0}).isEmpty());
@@ -84,30 +61,21 @@ TEST(Tensor, PrintingValidityAndEmptiness) {
 
 TEST(Tensor, ViewsShareStorageAndContiguousCopiesOnlyWhenNeeded) {
   Tensor f = Tensor::create(ElementType::f32, {4, 6});
-  EXPECT_EQ(f.data<float>().size(), 24u);
   Tensor column = f.slice(1, 2, 3);  // shape 4x1, strides 24x4, offset 8
   EXPECT_EQ(column.data<float>().data(), f.data<float>().data() + 2);
   EXPECT_EQ(column.data<float>().size(), 19u);  // (4 + 3 * 24) / 4
-  EXPECT_EQ(Tensor::create(ElementType::f32, {3, 0}).data<float>().size(), 0u);
-  EXPECT_EQ(Tensor().data<float>().data(), nullptr);
-
   Tensor t = tensorOf<int32_t>(ElementType::si32, {2, 3}, {0, 1, 2, 3, 4, 5});
   Tensor transposed = t.permute({1, 0});
-  EXPECT_EQ(valuesOf<int32_t>(transposed), (std::vector<int32_t>{0, 3, 1, 4, 2, 5}));
   EXPECT_EQ(valuesOf<int32_t>(t.slice(1, 0, 3, 2)), (std::vector<int32_t>{0, 2, 3, 5}));
-  EXPECT_EQ(t.view(ElementType::opaque32).storage(), t.storage());
   EXPECT_EQ(t.contiguous().storage(), t.storage());
   Tensor c = transposed.contiguous();
   EXPECT_NE(c.storage(), t.storage());
-  EXPECT_TRUE(c.isContiguous());
-  EXPECT_EQ(c.offset(), 0);
+  EXPECT_TRUE(c.isContiguous() && c.offset() == 0);
   EXPECT_EQ(c.data<int32_t>().vec(), (std::vector<int32_t>{0, 3, 1, 4, 2, 5}));
   EXPECT_EQ(t.slice(1, 1, 3).contiguous().data<int32_t>().vec(), (std::vector<int32_t>{1, 2, 4, 5}));
   transposed.at<int32_t>({2, 1}) = 42;
   EXPECT_EQ(t.at<int32_t>({1, 2}), 42);
 }
-
-// --- cast -------------------------------------------------------------------
 
 TEST(TensorCast, ConversionRules) {
   const float inf = std::numeric_limits<float>::infinity();
@@ -121,7 +89,6 @@ TEST(TensorCast, ConversionRules) {
   // 2^24 + 1 is not a float: ties to even gives 2^24; 2^24 + 3 gives 2^24 + 4.
   const Tensor i64 = tensorOf<int64_t>(ElementType::si64, {3}, {(1 << 24) + 1, (1 << 24) + 3, -70000});
   const Tensor bools = tensorOf<uint8_t>(ElementType::bool8, {3}, {0, 1, 7});
-  const double dinf = std::numeric_limits<double>::infinity();
   struct Case { Tensor in; bool saturate; Tensor expected; };
   const Case cases[] = {
       // float -> integer truncates and always saturates (without the flag too); NaN gives 0
@@ -132,7 +99,6 @@ TEST(TensorCast, ConversionRules) {
       // integer narrowing wraps, or saturates when asked
       {ints, false, tensorOf<int8_t>(ElementType::si8, {5}, {44, 127, 127, -1, 0})},
       {ints, true, tensorOf<int8_t>(ElementType::si8, {5}, {127, -128, 127, -1, -128})},
-      {ints, false, tensorOf<uint16_t>(ElementType::ui16, {5}, {300, 65407, 127, 65535, 0})},
       {ints, true, tensorOf<uint16_t>(ElementType::ui16, {5}, {300, 0, 127, 0, 0})},
       {u64, false, tensorOf<int64_t>(ElementType::si64, {2}, {-1, INT64_MIN})},
       {u64, true, tensorOf<int64_t>(ElementType::si64, {2}, {INT64_MAX, INT64_MAX})},
@@ -140,16 +106,12 @@ TEST(TensorCast, ConversionRules) {
       {d, false, tensorOf<uint16_t>(ElementType::f16, {3}, {0x3c01, 0x3c00, 0x7c00})},
       {d, true, tensorOf<uint16_t>(ElementType::f16, {3}, {0x3c01, 0x3c00, 0x7bff})},
       {i64, false, tensorOf<float>(ElementType::f32, {3}, {16777216.f, 16777220.f, -70000.f})},
-      {i64, false, tensorOf<uint16_t>(ElementType::f16, {3}, {0x7c00, 0x7c00, 0xfc00})},
       {i64, true, tensorOf<uint16_t>(ElementType::f16, {3}, {0x7bff, 0x7bff, 0xfbff})},
       {tensorOf<float>(ElementType::f32, {3}, {1.00390625f, 1.01171875f, NAN}), false,  // bf16 ties
        tensorOf<uint16_t>(ElementType::vbf16, {3}, {0x3f80, 0x3f82, 0x7fc0})},
-      {tensorOf<double>(ElementType::f64, {2}, {dinf, 1e300}), true, tensorOf<float>(ElementType::f32, {2}, {inf, FLT_MAX})},
-      {tensorOf<double>(ElementType::f64, {2}, {dinf, 1e300}), false, tensorOf<float>(ElementType::f32, {2}, {inf, inf})},
-      // booleans
+      {tensorOf<double>(ElementType::f64, {2}, {INFINITY, 1e300}), true, tensorOf<float>(ElementType::f32, {2}, {inf, FLT_MAX})},
       {tensorOf<float>(ElementType::f32, {4}, {0.0f, -0.0f, 0.25f, NAN}), false,
        tensorOf<uint8_t>(ElementType::bool8, {4}, {0, 0, 1, 1})},
-      {bools, false, tensorOf<float>(ElementType::f32, {3}, {0, 1, 1})},
       {bools, false, tensorOf<int32_t>(ElementType::si32, {3}, {0, 1, 1})},
   };
   for (const Case& c : cases) {
@@ -159,67 +121,37 @@ TEST(TensorCast, ConversionRules) {
   }
   Tensor same = Tensor::create(ElementType::opaque128, {3});
   EXPECT_EQ(same.cast(ElementType::opaque128).storage(), same.storage());
-  Tensor c = tensorOf<int16_t>(ElementType::si16, {2, 3}, {1, 2, 3, 4, 5, 6}).permute({1, 0}).cast(ElementType::f32);
-  EXPECT_TRUE(c.isContiguous());
-  EXPECT_EQ(c.data<float>().vec(), (std::vector<float>{1, 4, 2, 5, 3, 6}));
-}
-
-TEST(TensorCast, CastElementsWritesIntoAStridedDestination) {
   // A broadcast source (stride 0) converted into a transposed destination.
   Tensor row = tensorOf<int32_t>(ElementType::si32, {3}, {-1, 300, 7});
   Tensor source(std::vector<long>{2, 3}, std::vector<long>{0, 4}, ElementType::si32, 0, row.storage());
-  Tensor target = tensorOf<int8_t>(ElementType::si8, {3, 2}, {9, 9, 9, 9, 9, 9});
-  Tensor view = target.permute({1, 0});
-  castElements(view, source);
-  EXPECT_EQ(valuesOf<int8_t>(target), (std::vector<int8_t>{-1, -1, 44, 44, 7, 7}));
-  castElements(view, source, true);
+  Tensor target = Tensor::create(ElementType::si8, {3, 2});
+  castElements(target.permute({1, 0}), source, true);
   EXPECT_EQ(valuesOf<int8_t>(target), (std::vector<int8_t>{-1, -1, 127, 127, 7, 7}));
-  // Equal types copy bit for bit.
-  Tensor same = Tensor::create(ElementType::si32, {2, 3});
-  castElements(same, source);
-  EXPECT_EQ(valuesOf<int32_t>(same), (std::vector<int32_t>{-1, 300, 7, -1, 300, 7}));
 }
 
-// --- serialization -----------------------------------------------------------
-
 TEST(Serialize, HeaderWordsThenCompactElements) {
-  std::string bytes = test::words({0xFADE, 0x20103, 2, 2, 3});
-  for (int16_t v : {1, -2, 3, -4, 5, -6}) bytes.append(reinterpret_cast<const char*>(&v), 2);
   Tensor t = tensorOf<int16_t>(ElementType::si16, {2, 3}, {1, -2, 3, -4, 5, -6});
   SerializedTensor s = t.serialize();
-  EXPECT_EQ(std::string(s.bytes.get(), s.size), bytes);
-  Tensor back = Tensor::deserialize(s.view(), true);
-  EXPECT_EQ(back.type(), t.type());
-  EXPECT_TRUE(back.isContiguous());
-  EXPECT_EQ(valuesOf<int16_t>(back), valuesOf<int16_t>(t));
+  EXPECT_EQ(std::string(s.bytes.get(), s.size), test::words({0xFADE, 0x20103, 2, 2, 3}) + test::raw<int16_t>({1, -2, 3, -4, 5, -6}));
   // Rank 0, a transposed and a broadcast view: written compactly.
   Tensor ints = tensorOf<int32_t>(ElementType::si32, {2, 3}, {1, 2, 3, 4, 5, 6});
-  struct Case { Tensor in; unsigned long size; std::vector<long> shape; };
-  const Case cases[] = {
-      {tensorOf<double>(ElementType::f64, {}, {2.5}), 24 + 8, {}},
-      {ints.permute({1, 0}), 5 * 8 + 24, {3, 2}},
-      {Tensor({2, 3}, {0, 4}, ElementType::si32, 0, ints.storage()), 5 * 8 + 24, {2, 3}},
-  };
+  struct Case { Tensor in; unsigned long size; };
+  const Case cases[] = {{t, 5 * 8 + 12}, {tensorOf<double>(ElementType::f64, {}, {2.5}), 24 + 8}, {ints.permute({1, 0}), 5 * 8 + 24},
+                        {Tensor({2, 3}, {0, 4}, ElementType::si32, 0, ints.storage()), 5 * 8 + 24}};
   for (const Case& c : cases) {
     SerializedTensor s = c.in.serialize();
     EXPECT_EQ(s.size, c.size) << c.in;
     Tensor back = Tensor::deserialize(s.view(), true);
-    EXPECT_EQ(back.shape().vec(), c.shape);
+    EXPECT_EQ(back.type(), c.in.type());
+    EXPECT_TRUE(back.isContiguous());
     EXPECT_EQ(compactBytes(back), compactBytes(c.in)) << c.in;
   }
-}
-
-TEST(Serialize, ReadingInPlaceAliasesTheCallersBuffer) {
-  SerializedTensor s = tensorOf<float>(ElementType::f32, {2}, {1.f, 2.f}).serialize();
-  Tensor view = Tensor::deserialize(s.view(), false);
+  // Reading in place aliases the caller's buffer; a copy does not.
+  Tensor view = Tensor::deserialize(s.view(), false), copy = Tensor::deserialize(s.view(), true);
   EXPECT_FALSE(view.storage()->ownsData());
-  view.data<float>()[1] = 9.f;
-  float stored;
-  std::memcpy(&stored, s.bytes.get() + 32 + 4, 4);
-  EXPECT_EQ(stored, 9.f);
-  Tensor copy = Tensor::deserialize(s.view(), true);
-  copy.data<float>()[0] = 5.f;
-  EXPECT_EQ(view.data<float>()[0], 1.f);
+  view.data<int16_t>()[1] = 9;
+  copy.data<int16_t>()[0] = 5;
+  EXPECT_EQ(std::string(s.bytes.get() + 40, 4), test::raw<int16_t>({1, 9}));
 }
 
 using TensorDeathTest = ::testing::Test;

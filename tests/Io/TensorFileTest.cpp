@@ -43,21 +43,15 @@ TEST(TensorFile, WrittenBytesOfBothFormats) {
   const std::string dict = "{'descr': '<f4', 'fortran_order': False, 'shape': (2, 3), }";
   EXPECT_EQ(encoded(tensorOf<float>(ElementType::f32, {2, 3}, {1, 2, 3, 4, 5, 6}), TensorFileFormat::Npy),
             std::string("\x93NUMPY\x01\x00\x76\x00", 10) + dict + std::string(58, ' ') + "\n" + raw<float>({1, 2, 3, 4, 5, 6}));
-  const std::string vector = encoded(tensorOf<int8_t>(ElementType::si8, {3}, {1, -1, 7}), TensorFileFormat::Npy);
-  EXPECT_NE(vector.find("{'descr': '|i1', 'fortran_order': False, 'shape': (3,), }"), std::string::npos);
+  EXPECT_NE(encoded(tensorOf<int8_t>(ElementType::si8, {3}, {1, -1, 7}), TensorFileFormat::Npy)
+                .find("{'descr': '|i1', 'fortran_order': False, 'shape': (3,), }"), std::string::npos);
   const std::string scalar = encoded(tensorOf<double>(ElementType::f64, {}, {2.5}), TensorFileFormat::Npy);
-  EXPECT_NE(scalar.find("'shape': (), }"), std::string::npos);
-  EXPECT_EQ(scalar.size(), 128u + 8u);
+  EXPECT_EQ(scalar.substr(10, 55) + scalar.substr(127), "{'descr': '<f8', 'fortran_order': False, 'shape': (), }\n" + raw<double>({2.5}));
   // The serialized form is the tensor's own; any layout is written compactly;
   // bools are 0 or 1 in .npy files and keep their bytes when serialized.
-  Tensor t = tensorOf<int16_t>(ElementType::si16, {2, 3}, {1, -2, 3, -4, 5, -6});
-  SerializedTensor own = t.serialize();
-  EXPECT_EQ(encoded(t, TensorFileFormat::Serialized), std::string(own.bytes.get(), own.size));
   Tensor base = tensorOf<int32_t>(ElementType::si32, {2, 3}, {1, 2, 3, 4, 5, 6});
   EXPECT_EQ(encoded(base.permute({1, 0}), TensorFileFormat::Serialized),
             words({0xFADE, 0x40104, 2, 3, 2}) + raw<int32_t>({1, 4, 2, 5, 3, 6}));
-  Tensor repeated(std::vector<long>{3}, std::vector<long>{0}, ElementType::si32, 0, base.storage());
-  EXPECT_EQ(encoded(repeated, TensorFileFormat::Serialized), words({0xFADE, 0x40104, 1, 3}) + raw<int32_t>({1, 1, 1}));
   Tensor flags = tensorOf<uint8_t>(ElementType::bool8, {4}, {0, 2, 255, 1});
   EXPECT_EQ(encoded(flags, TensorFileFormat::Npy).substr(128), std::string("\0\1\1\1", 4));
   EXPECT_EQ(encoded(flags, TensorFileFormat::Serialized).substr(32), std::string("\0\2\xff\1", 4));
@@ -108,14 +102,11 @@ TEST(TensorFile, ReadsTheNpyVariantsOtherWritersProduce) {
   for (const Case& c : cases) {
     Tensor t;
     TensorFileInfo info;
-    Status s = read(t, c.file, &info);
-    ASSERT_TRUE(s.ok()) << c.what << ": " << s.message();
+    ASSERT_TRUE(read(t, c.file, &info).ok()) << c.what;
     EXPECT_EQ(t.type(), TensorType(c.type, c.shape)) << c.what;
     EXPECT_EQ(info.fortranOrder, c.fortran) << c.what;
-    std::vector<long> values;
-    if (!t.isEmpty())
-      for (int64_t v : valuesOf<int64_t>(t.cast(ElementType::si64))) values.push_back(long(v));
-    EXPECT_EQ(values, c.values) << c.what;
+    const std::vector<int64_t> values = t.isEmpty() ? std::vector<int64_t>{} : valuesOf<int64_t>(t.cast(ElementType::si64));
+    EXPECT_EQ(std::vector<long>(values.begin(), values.end()), c.values) << c.what;
   }
 }
 
@@ -127,14 +118,11 @@ TEST(TensorFile, RefusesBadFilesInOneClearLine) {
       {"", "empty file: neither a .npy file nor a serialized tensor"},
       {"hello, world", "neither a .npy file nor a serialized tensor"},
       {std::string("\x93NUMPY\x01", 7), "truncated: 7 bytes end inside the .npy preamble"},
-      {npy(f4, data24).substr(0, 11).replace(6, 1, "\x02"), "truncated: 11 bytes end inside the .npy preamble"},
       {npy(f4, data24).replace(6, 1, "\x04"), "unsupported .npy version 4.0"},
-      {npy(f4, data24).replace(7, 1, "\x01"), "unsupported .npy version 1.1"},
       {npy(f4, "").substr(0, 40), "truncated: the .npy header needs 60 bytes, the file holds 30"},
       {npy(f4, data24.substr(4)), "truncated: shape 2x3 of f32 needs 24 bytes of data, the file holds 20"},
       {npy(f4, data24 + "xyz"), "3 bytes follow the data of shape 2x3 of f32"},
       {header("{'descr': '<c8', 'fortran_order': False, 'shape': (2,), }"), "unknown element type '<c8' in the .npy header"},
-      {header("{'descr': '|f4', 'fortran_order': False, 'shape': (2,), }"), "unknown element type '|f4' in the .npy header"},
       {header("{'descr': '>f4', 'fortran_order': False, 'shape': (2,), }"),
        "big-endian data ('>f4') is not supported; save it little-endian"},
       {header("{'descr': [('a', '<f4')], 'fortran_order': False, 'shape': (2,), }"),
@@ -149,8 +137,6 @@ TEST(TensorFile, RefusesBadFilesInOneClearLine) {
       {header("{'descr': '<f4', 'fortran_order': False, 'shape': (2, -3) }"), "corrupt header: size -3 of dimension 1 is negative"},
       {header("{'descr': '<f4', 'fortran_order': False, 'shape': (4611686018427387904, 4) }"),
        "corrupt header: shape 4611686018427387904x4 is too large"},
-      {npy("{'descr': '<f4', 'fortran_order': False, 'shape': (0, 4611686018427387904, 4) }\n", ""),
-       "corrupt header: shape 0x4611686018427387904x4 is too large"},
       {header("{'descr': '<f4', 'fortran_order': False, 'shape': (1,1,1,1,1,1,1,1,1,1,1,6) }"),
        "shape has 12 dimensions; a tensor has at most 11"},
       {header("{'descr': '<f4', 'fortran_order': False, 'shape': (99999999999999999999,) }"), "corrupt .npy header: integer too large"},
@@ -161,8 +147,6 @@ TEST(TensorFile, RefusesBadFilesInOneClearLine) {
       // The serialized form.
       {words({0xFADE, 0x40003}), "truncated: 16 bytes end inside the serialized tensor's header"},
       {words({0xFADE, 0x12345, 1, 1}) + "abcd", "unknown element type 0x12345 in the serialized tensor's header"},
-      {words({0xFADE, 0xFFFFFFFF, 0}) + "abcd", "unknown element type 0xffffffff in the serialized tensor's header"},
-      {words({0xFADE, 0x140003, 0}) + "abcd", "unknown element type 0x140003 in the serialized tensor's header"},
       {words({0xFADE, 0x40003, 12}), "corrupt header: rank 12 is above 11"},
       {words({0xFADE, 0x40003, 3, 2}), "truncated: the header of rank 3 needs 48 bytes, the file holds 32"},
       {words({0xFADE, 0x40003, 2, 2, 3}) + data24.substr(1), "truncated: shape 2x3 of f32 needs 24 bytes of data, the file holds 23"},
@@ -175,17 +159,15 @@ TEST(TensorFile, RefusesBadFilesInOneClearLine) {
   }
 }
 
-TEST(TensorFile, ReadsFilesIntoOneBufferAndAlignsOddHeaders) {
+TEST(TensorFile, FilesAreReadIntoOneBufferAndWrittenAllOrNothing) {
   test::TempDir dir;
-  Tensor t = tensorOf<float>(ElementType::f32, {2, 2}, {1.5f, -2.f, 3.f, 0.25f});
-  ASSERT_TRUE(writeTensorFile(dir / "a.npy", t).ok());
   Tensor back;
   TensorFileInfo info;
+  ASSERT_TRUE(writeTensorFile(dir / "a.npy", tensorOf<float>(ElementType::f32, {2}, {1.5f, -2.f})).ok());
   ASSERT_TRUE(readTensorFile(back, dir / "a.npy", &info).ok());
-  EXPECT_EQ(valuesOf<float>(back), valuesOf<float>(t));
+  EXPECT_EQ(valuesOf<float>(back), (std::vector<float>{1.5f, -2.f}));
   EXPECT_EQ(back.offset(), 128) << "the tensor views the data behind the header";
-  EXPECT_EQ(info.version, "1.0");
-  EXPECT_EQ(info.headerBytes, 128u);
+  EXPECT_EQ(info.version + std::to_string(info.headerBytes), "1.0128");
   // A header of odd length puts the data off its alignment: it is moved.
   test::writeFile(dir / "odd.npy", npy("{'descr': '<f4', 'fortran_order': False, 'shape': (2,)}", raw<float>({7.f, -8.f})));
   ASSERT_TRUE(readTensorFile(back, dir / "odd.npy").ok());
@@ -195,10 +177,6 @@ TEST(TensorFile, ReadsFilesIntoOneBufferAndAlignsOddHeaders) {
   EXPECT_EQ(readTensorFile(back, "/dev/null").message(), "/dev/null: empty file: neither a .npy file nor a serialized tensor");
   EXPECT_EQ(readTensorFile(back, dir / "none.npy").message(), dir / "none.npy" + ": cannot open: No such file or directory");
   EXPECT_EQ(readTensorFile(back, dir / "").message(), dir / "" + ": cannot read: Is a directory");
-}
-
-TEST(TensorFile, WritingIsAllOrNothingAndTheNameDecidesTheFormat) {
-  test::TempDir dir;
   const std::string target = dir / "out.npy";
   test::writeFile(target, "previous content");
   // A tensor the format cannot hold: refused before anything is written.
@@ -209,8 +187,7 @@ TEST(TensorFile, WritingIsAllOrNothingAndTheNameDecidesTheFormat) {
   // Replacing an existing file leaves no temporary behind.
   Tensor t = tensorOf<int8_t>(ElementType::si8, {3}, {1, 2, 3});
   ASSERT_TRUE(writeTensorFile(target, t).ok());
-  EXPECT_EQ(dir.names(), (std::vector<std::string>{"out.npy"}));
-  Tensor back;
+  EXPECT_EQ(dir.names(), (std::vector<std::string>{"a.npy", "odd.npy", "out.npy"}));
   ASSERT_TRUE(readTensorFile(back, target).ok());
   EXPECT_EQ(valuesOf<int8_t>(back), (std::vector<int8_t>{1, 2, 3}));
   // The name decides the format written; the content decides the format read.
@@ -219,7 +196,6 @@ TEST(TensorFile, WritingIsAllOrNothingAndTheNameDecidesTheFormat) {
   ASSERT_TRUE(writeTensorFile(dir / "t.kora", t).ok());
   EXPECT_EQ(test::readFile(dir / "t.kora").substr(0, 8), words({0xFADE}));
   ASSERT_TRUE(writeTensorFile(dir / "t.bin", t, TensorFileFormat::Serialized).ok());
-  TensorFileInfo info;
   ASSERT_TRUE(readTensorFile(back, dir / "t.bin", &info).ok());
   EXPECT_EQ(info.format, TensorFileFormat::Serialized);
   // A symbolic link is written through.
@@ -239,5 +215,5 @@ TEST(TensorFile, WritingIsAllOrNothingAndTheNameDecidesTheFormat) {
   if (std::filesystem::exists("/dev/full")) {
     EXPECT_EQ(writeTensorFile("/dev/full", t).message(), "/dev/full: cannot write: No space left on device");
   }
-  EXPECT_EQ(dir.names(), (std::vector<std::string>{"link.npy", "out.npy", "t.bin", "t.kora"}));
+  EXPECT_EQ(dir.names(), (std::vector<std::string>{"a.npy", "link.npy", "odd.npy", "out.npy", "t.bin", "t.kora"}));
 }

@@ -12,22 +12,17 @@ TEST(TensorPrint, ValuesInTheFewestDigitsOfTheirOwnType) {
   struct Case { double value; ElementType type; const char* text; };
   const Case cases[] = {
       {double(float(0.1f)), ElementType::f32, "0.1"},
-      {0.1, ElementType::f64, "0.1"},
       {double(float(0.1f)), ElementType::f64, "0.10000000149011612"},
       {double(halfBitsToFloat(0x2e66)), ElementType::f16, "0.1"},  // the f16 nearest 0.1
-      {double(halfBitsToFloat(0x3c01)), ElementType::f16, "1.001"},
       {double(halfBitsToFloat(0x0001)), ElementType::f16, "6e-08"},  // smallest subnormal
       {double(bf16BitsToFloat(0x3dcd)), ElementType::vbf16, "0.1"},
       {65504.0, ElementType::f16, "65504."},
       {-0.0, ElementType::f32, "-0."},
-      {3.0, ElementType::f64, "3."},
       {1e20, ElementType::f32, "1e+20"},
-      {std::nan(""), ElementType::f32, "nan"},
       {-INFINITY, ElementType::f16, "-inf"},
       {-128, ElementType::si8, "-128"},
       {4294967295.0, ElementType::ui32, "4294967295"},
       {1.0, ElementType::bool8, "True"},
-      {0.0, ElementType::bool8, "False"},
   };
   for (const Case& c : cases) EXPECT_EQ(formatValue(c.value, c.type), c.text) << c.value;
 }
@@ -39,7 +34,6 @@ TEST(TensorPrint, NumpyLayout) {
       {"decimal points line up", base, "[[-1.5   0.    2.25]\n [ 3.   -0.5  -7.  ]]"},
       {"through strides", base.permute({1, 0}), "[[-1.5   3.  ]\n [ 0.   -0.5 ]\n [ 2.25 -7.  ]]"},
       {"integers right-aligned", tensorOf<int64_t>(ElementType::si64, {2, 2}, {-5, 100, 3, 2}), "[[ -5 100]\n [  3   2]]"},
-      {"nan and inf right-aligned", tensorOf<float>(ElementType::f32, {3}, {NAN, 1.5f, -INFINITY}), "[ nan  1.5 -inf]"},
       {"nan and inf within the numbers' width", tensorOf<float>(ElementType::f32, {4}, {NAN, 1.25f, -INFINITY, 100.f}),
        "[   nan   1.25   -inf 100.  ]"},
       {"exponents right-aligned", tensorOf<float>(ElementType::f32, {2}, {1e-20f, 1.5f}), "[1e-20   1.5]"},
@@ -48,7 +42,6 @@ TEST(TensorPrint, NumpyLayout) {
       {"no elements", Tensor::create(ElementType::f32, {2, 0}), "[]"},
       {"rank 3 blocks", tensorOf<int8_t>(ElementType::si8, {2, 1, 2}, {1, 2, 3, 4}), "[[[1 2]]\n\n [[3 4]]]"},
       {"opaque bytes in hexadecimal", tensorOf<uint16_t>(ElementType::opaque16, {2}, {0x3f80, 0x0102}), "[0x3f80 0x0102]"},
-      {"no data", Tensor(), "(no data)"},
   };
   for (const Case& c : cases) EXPECT_EQ(formatValues(c.tensor), c.text) << c.what;
 }
@@ -71,9 +64,7 @@ TEST(TensorPrint, LargeTensorsAreElidedAndLongRowsWrap) {
   EXPECT_EQ(formatValues(row),
             "[[1000 1001 1002 1003 1004 1005 1006 1007 1008 1009 1010 1011 1012 1013\n"
             "  1014 1015 1016 1017 1018 1019]]");
-  PrintOptions all;
-  all.threshold = -1;
-  const std::string full = formatValues(t, all);
+  const std::string full = formatValues(t, PrintOptions{-1, 3, 75});
   EXPECT_EQ(full.find("..."), std::string::npos);
   EXPECT_NE(full.find(" 1024 "), std::string::npos);
   EXPECT_EQ(full.substr(full.size() - 7), " 1999]]");

@@ -1,33 +1,37 @@
+// The kernel table (entry points, published order, parameter kinds) and
+// calls by name through the invocation layer.
 #include <gtest/gtest.h>
 
 #include <algorithm>
 #include <set>
 
 #include "Kernel/PublishedKernels.h"
-#include "TestUtil.h"
+#include "Kernel/TestKernels.h"
 
 using namespace kora;
+using test::tensorOf;
+using test::testKernel;
+using test::valuesOf;
 
-TEST(Registry, EntryPointsAndTheTensorLayout) {
-  EXPECT_EQ(UDE_ABI_CHECK(), 730268002998899u);
-  uint64_t p0 = 5, p1 = 5;
-  KernelRegistry* first = UDE_LIBRARY_MAIN(&p0, &p1);
-  EXPECT_EQ(std::make_pair(p0, p1), std::make_pair(uint64_t(1), uint64_t(0)));
-  EXPECT_EQ(UDE_LIBRARY_MAIN(&p0, &p1), first);
-  EXPECT_EQ(getTabbyCHandle(), first);
-  EXPECT_EQ(&kernelTable(), first);
+TEST(Registry, TheLibraryTableAndTheTensorLayout) {
+  // (tests/standalone/AbiHost.cpp checks the entry points the way a host
+  // calls them, reading the table through its own copy of the layout.)
+  EXPECT_EQ(getTabbyCHandle(), &kernelTable());
   EXPECT_EQ(findKernel("native::ReLU")->impl, reinterpret_cast<KernelEntry::AnyFunction>(&native::ReLU));
-  // Hosts read entries as raw memory: tests/standalone/AbiHost.cpp reads
-  // them through its own copy of the layout; tensors are passed as they are.
-  EXPECT_EQ(sizeof(Tensor), 8u + 88 + 88 + 8 + 8 + 16);
+  EXPECT_EQ(sizeof(Tensor), 8u + 88 + 88 + 8 + 8 + 16) << "hosts pass tensors as they are";
+  Dispatcher& d = Dispatcher::singleton();
+  EXPECT_TRUE(d.empty()) << "nothing in the library fills the process-wide map";
+  d.indexTable(kernelTable());
+  EXPECT_EQ(d.at("native::ReLU"), findKernel("native::ReLU"));
+  d.clear();
 }
 
 TEST(Registry, TableFollowsThePublishedOrder) {
-  const auto& published = test::kPublishedKernels;
-  ASSERT_EQ(std::set<std::string_view>(published.begin(), published.end()).size(), 257u);
+  const std::vector<std::string> published = test::publishedKernels();
+  ASSERT_EQ(std::set<std::string>(published.begin(), published.end()).size(), 257u);
   long previous = -1;
   for (const auto& entry : kernelTable().entries) {
-    auto it = std::find(published.begin(), published.end(), std::string_view(entry->name));
+    auto it = std::find(published.begin(), published.end(), entry->name);
     ASSERT_NE(it, published.end()) << entry->name << " is not a published name";
     EXPECT_GT(it - published.begin(), previous) << entry->name << " is out of order (or registered twice)";
     previous = it - published.begin();
@@ -38,17 +42,31 @@ TEST(Registry, TableFollowsThePublishedOrder) {
   EXPECT_EQ(findKernel("native::NoSuchKernel"), nullptr);
 }
 
-TEST(KindCode, PublishedCodesAndNames) {
+namespace {
+Status twoOutputs(Tensor&, Tensor&, Tensor const&, const std::vector<long>&, double, bool, const std::string&,
+                  ArrayRef<int16_t>, const ElementType&) {
+  return Status::success();
+}
+}  // namespace
+
+TEST(Registration, KindsAndCountsComeFromTheSignatureWithTheirPublishedCodesAndNames) {
+  KernelRegistry table;
+  table.libraryInfo[1] = 99;
+  registerKernel(table, "test::TwoOutputs", nullptr, &twoOutputs);
+  const KernelEntry& e = *table.entries.at(0);
+  EXPECT_EQ(std::make_pair(e.numOutputs, e.numInputs), std::make_pair(uint64_t(2), uint64_t(7)));
+  EXPECT_EQ(e.config, nullptr);
+  EXPECT_EQ(e.libraryInfo[1], 99u);
+  const uint64_t inputs[] = {0x1000400, 0x3080105, 0x80004, 0x10205, kKindString, 0x3020103, 0x80204, 0};
+  EXPECT_TRUE(std::equal(std::begin(inputs), std::end(inputs), e.inputKinds));
+  EXPECT_EQ(std::vector<uint64_t>(e.outputKinds, e.outputKinds + 3), (std::vector<uint64_t>{kKindTensor, kKindTensor, 0}));
   struct Row { uint64_t code, expected; const char* name; };
   const Row rows[] = {
-      {paramKind<int8_t>(), 0x10102, "int8_t"},           {paramKind<int16_t>(), 0x20103, "int16_t"},
-      {paramKind<int64_t>(), 0x80105, "int64_t"},         {paramKind<uint64_t>(), 0x80204, "uint64_t"},
-      {paramKind<bool>(), 0x10205, "bool"},               {paramKind<half>(), 0x20002, "half"},
-      {paramKind<double>(), 0x80004, "double"},           {paramKind<uint16_t>(), 0x20202, "uint16_t"},
-      {paramKind<uint32_t>(), 0x40203, "uint32_t"},       {paramKind<Tensor&>(), 0x1000400, "Tensor"},
-      {paramKind<const Tensor&>(), 0x1000400, "Tensor"},  {paramKind<const std::vector<Tensor>&>(), 0x3000400, "Tensor[]"},
-      {paramKind<ArrayRef<float>>(), 0x3040003, "float[]"}, {paramKind<const std::vector<double>&>(), 0x3080004, "double[]"},
-      {paramKind<ArrayRef<long>>(), 0x3080105, "int64_t[]"}, {paramKind<const ElementType&>(), 0x80204, "uint64_t"},
+      {paramKind<int8_t>(), 0x10102, "int8_t"},    {paramKind<uint64_t>(), 0x80204, "uint64_t"},
+      {paramKind<bool>(), 0x10205, "bool"},        {paramKind<half>(), 0x20002, "half"},
+      {paramKind<uint16_t>(), 0x20202, "uint16_t"}, {paramKind<const Tensor&>(), 0x1000400, "Tensor"},
+      {paramKind<const std::vector<Tensor>&>(), 0x3000400, "Tensor[]"}, {paramKind<ArrayRef<float>>(), 0x3040003, "float[]"},
+      {paramKind<const std::vector<double>&>(), 0x3080004, "double[]"}, {paramKind<ArrayRef<long>>(), 0x3080105, "int64_t[]"},
   };
   for (const Row& r : rows) {
     EXPECT_EQ(r.code, r.expected) << r.name;
@@ -58,32 +76,51 @@ TEST(KindCode, PublishedCodesAndNames) {
   EXPECT_EQ(kindName(0x1234), "0x1234");
 }
 
-namespace {
-Status twoOutputs(Tensor&, Tensor&, Tensor const&, const std::vector<long>&, double, bool, const std::string&,
-                  ArrayRef<int16_t>, const ElementType&) {
-  return Status::success();
+TEST(Invoke, ConfigAllocatesThenImplComputesWithDefaultsForTrailingInputs) {
+  const Tensor in = tensorOf<float>(ElementType::f32, {2}, {1.f, -2.f});
+  const KernelEntry& scale = testKernel("test::Scale");
+  const std::pair<std::vector<Argument>, std::vector<float>> cases[] = {
+      {{in, 2.0, std::vector<int64_t>{}, 1}, {3.f, -3.f}}, {{in, 3}, {3.f, -6.f}}, {{in, 1.0, std::vector<int64_t>{}}, {1.f, -2.f}}};
+  for (const auto& [inputs, expected] : cases) {
+    std::vector<Tensor> outs;
+    ASSERT_TRUE(invoke(scale, outs, inputs).ok());
+    ASSERT_EQ(outs.size(), 1u);
+    EXPECT_EQ(valuesOf<float>(outs[0]), expected);
+  }
+  // Outputs given with storage are written in place.
+  std::vector<Tensor> outs = {Tensor::create(ElementType::f32, {2})};
+  Tensor mine = outs[0];
+  ASSERT_TRUE(invoke(scale, outs, {in, -1.0}).ok());
+  EXPECT_EQ(valuesOf<float>(mine), (std::vector<float>{-1.f, 2.f}));
+  // A kernel without a Config needs typed outputs, which it gets allocated.
+  std::vector<Tensor> typed = {Tensor(ElementType::f32, {2})};
+  ASSERT_TRUE(invoke(testKernel("test::Fill"), typed, {2.5}).ok());
+  EXPECT_EQ(valuesOf<float>(typed[0]), (std::vector<float>{2.5f, 2.5f}));
+  // Misuse in the layer's own words (the command-line tests cover the other conversion failures).
+  std::vector<Tensor> none, tooMany(3);
+  EXPECT_EQ(invoke(testKernel("test::Concat"), none, {in}).message(),
+            "test::Concat: 1-th parameter fails to convert. Kernel expect type is Tensor[], but got a type Tensor. "
+            "you should use vector<Variable> to wrap vector<Tensor>.");
+  EXPECT_EQ(invoke(testKernel("test::Scale"), tooMany, {in, 1.0}).message(), "test::Scale expects 1 outputs, but got 3");
+  Status config = invoke(testKernel("test::Scale"), none, {in, 1.0, std::vector<int64_t>{}, 13});
+  EXPECT_EQ(config.message().rfind("test::Scale config function call failure! Scale config error: unlucky offset\n"
+                                   "(Config invoke) The input params: Tensor<f32,2,4>, 1, [], 13\nIt's defined at ", 0), 0u)
+      << config.message();
+  EXPECT_TRUE(none[0].storage() == nullptr) << "nothing is allocated when Config fails";
+  std::vector<Tensor> again;
+  Status impl = invoke(testKernel("test::Scale"), again, {in, 1.0, std::vector<int64_t>{1}});
+  EXPECT_EQ(impl.message().rfind("test::Scale impl function call failure! dims 1 not supported\n"
+                                 "(Impl invoke) The output params: Tensor<f32,2,4>", 0), 0u) << impl.message();
 }
-}  // namespace
 
-TEST(Registration, KindsAndCountsComeFromTheSignature) {
-  KernelRegistry table;
-  table.libraryInfo[1] = 99;
-  registerKernel(table, "test::TwoOutputs", nullptr, &twoOutputs);
-  const KernelEntry& e = *table.entries.at(0);
-  EXPECT_EQ(e.numOutputs, 2u);
-  EXPECT_EQ(e.numInputs, 7u);
-  EXPECT_EQ(e.config, nullptr);
-  EXPECT_EQ(e.libraryInfo[1], 99u);
-  const uint64_t inputs[] = {0x1000400, 0x3080105, 0x80004, 0x10205, kKindString, 0x3020103, 0x80204, 0};
-  EXPECT_TRUE(std::equal(std::begin(inputs), std::end(inputs), e.inputKinds));
-  EXPECT_EQ(std::vector<uint64_t>(e.outputKinds, e.outputKinds + 3), (std::vector<uint64_t>{kKindTensor, kKindTensor, 0}));
-}
-
-TEST(Dispatcher, AProcessWideMapThatStartsEmpty) {
-  Dispatcher& d = Dispatcher::singleton();
-  EXPECT_EQ(&d, &Dispatcher::singleton());
-  EXPECT_TRUE(d.empty()) << "nothing in the library fills it";
-  d.indexTable(kernelTable());
-  EXPECT_EQ(d.at("native::ReLU"), findKernel("native::ReLU"));
-  d.clear();
+TEST(Invoke, ReluByNameWithItsTraceLine) {
+  test::TraceCapture capture;
+  test::ScopedTracePoint point({1});
+  std::vector<Tensor> outs;
+  ASSERT_TRUE(invoke("native::ReLU", outs, {tensorOf<float>(ElementType::f32, {3}, {-1.f, -2.5f, 4.f})}).ok());
+  EXPECT_EQ(valuesOf<float>(outs[0]), (std::vector<float>{0.f, 0.f, 4.f}));
+  EXPECT_EQ(capture.lines(), (std::vector<std::string>{"fout[1] = relu(fin[1]) // relu(-2.5) -> 0 "}));
+  std::vector<Tensor> none;
+  EXPECT_EQ(invoke("native::ReLU", none, {Tensor()}).message().substr(0, 79),
+            "native::ReLU config function call failure! ReLU config error: lhs and rhs must ");
 }

@@ -43,7 +43,7 @@ inline Status fill(Tensor& out, double value) {
   return Status::success();
 }
 
-// test::Concat: a list of tensors, flattened one after the other.
+// test::Concat: a list of f32 tensors, flattened one after the other.
 inline Status concatConfig(Tensor& out, const std::vector<Tensor>& ins) {
   long n = 0;
   for (const Tensor& t : ins) n += t.numElements();
@@ -53,9 +53,8 @@ inline Status concatConfig(Tensor& out, const std::vector<Tensor>& ins) {
 }
 
 inline Status concat(Tensor& out, const std::vector<Tensor>& ins) {
-  long at = 0;
-  for (const Tensor& t : ins)
-    for (float x : valuesOf<float>(t)) out.data<float>()[std::size_t(at++)] = x;
+  float* next = out.data<float>().data();
+  for (const Tensor& t : ins) next = std::ranges::copy(valuesOf<float>(t), next).out;
   return Status::success();
 }
 

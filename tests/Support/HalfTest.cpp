@@ -1,6 +1,6 @@
 // The binary16 / bfloat16 conversions against independent computations:
-// decoding by ldexp, and rounding by searching the nearest representable
-// value in double precision.
+// decoding by ldexp, rounding by searching the nearest representable value
+// in double precision, and the FPU's own double -> float rounding.
 #include <gtest/gtest.h>
 
 #include <bit>
@@ -42,30 +42,25 @@ uint16_t nearestHalf(double x) {
 
 }  // namespace
 
-TEST(Half, WideningIsExactAndNarrowingRoundTripsEveryPattern) {
+TEST(Half, EveryPatternWidensExactlyAndNarrowsBackAndEveryTieRoundsToEven) {
   for (uint32_t h = 0; h < 65536; ++h) {
-    const float f = halfBitsToFloat(uint16_t(h));
+    const float f = halfBitsToFloat(uint16_t(h)), b = bf16BitsToFloat(uint16_t(h));
     const double expected = decodeHalf(uint16_t(h));
-    const uint16_t back = floatToHalfBits(f);
+    ASSERT_EQ(std::bit_cast<uint32_t>(b), h << 16);
+    ASSERT_TRUE(std::isnan(b) || floatToBf16Bits(b) == h) << h;
     if (std::isnan(expected)) {
       ASSERT_TRUE(std::isnan(f)) << h;
       ASSERT_EQ(std::bit_cast<uint32_t>(f) & 0x3ff, 0u) << "payload moves to the top bits";
-      ASSERT_EQ(back, h | 0x200) << "NaN stays NaN, made quiet";
-    } else {
-      ASSERT_EQ(double(f), expected) << h;
-      ASSERT_EQ(std::signbit(f), bool(h & 0x8000)) << h;
-      ASSERT_EQ(back, h);
+      ASSERT_EQ(floatToHalfBits(f), h | 0x200) << "NaN stays NaN, made quiet";
+      continue;
     }
-  }
-}
-
-TEST(Half, NarrowingAgainstSearch) {
-  // For each pair of neighbouring finite halves: the midpoint (a tie) and the
-  // floats just either side of it.
-  for (uint32_t h = 0; h < 0x7c00; ++h) {
-    const double lo = decodeHalf(uint16_t(h));
+    ASSERT_EQ(double(f), expected) << h;
+    ASSERT_EQ(std::signbit(f), bool(h & 0x8000)) << h;
+    ASSERT_EQ(floatToHalfBits(f), h);
+    if (h >= 0x7c00) continue;
+    // The midpoint to the next finite half (a tie) and the floats either side.
     const double hi = h == 0x7bff ? 65536.0 : decodeHalf(uint16_t(h + 1));
-    const float mid = float((lo + hi) / 2);  // exact in binary32
+    const float mid = float((expected + hi) / 2);  // exact in binary32
     for (float x : {mid, std::nextafter(mid, 0.f), std::nextafter(mid, INFINITY)}) {
       ASSERT_EQ(floatToHalfBits(x), nearestHalf(x)) << x;
       ASSERT_EQ(floatToHalfBits(-x), nearestHalf(-x)) << -x;
@@ -73,17 +68,7 @@ TEST(Half, NarrowingAgainstSearch) {
     }
   }
   for (float x : {INFINITY, -INFINITY, 65519.996f, 65520.f, -0.f, 1e-30f}) EXPECT_EQ(floatToHalfBits(x), nearestHalf(x)) << x;
-}
-
-TEST(Half, Bfloat16AgainstItsDefinition) {
-  for (uint32_t b = 0; b < 65536; ++b) {
-    const float f = bf16BitsToFloat(uint16_t(b));
-    ASSERT_EQ(std::bit_cast<uint32_t>(f), b << 16);
-    if (!std::isnan(f)) {
-      ASSERT_EQ(floatToBf16Bits(f), b);
-    }
-  }
-  // Ties to even; a carry into the exponent; overflow to infinity; NaN stays quiet NaN.
+  // bfloat16: ties to even, a carry into the exponent, overflow to infinity, NaN stays quiet NaN.
   const std::pair<uint32_t, uint16_t> cases[] = {{0x3f808000u, 0x3f80}, {0x3f818000u, 0x3f82}, {0x3f808001u, 0x3f81},
                                                  {0x3fffffffu, 0x4000}, {0x7f7fffffu, 0x7f80}};
   for (auto [in, out] : cases) EXPECT_EQ(floatToBf16Bits(std::bit_cast<float>(in)), out) << std::hex << in;
@@ -91,26 +76,29 @@ TEST(Half, Bfloat16AgainstItsDefinition) {
 }
 
 TEST(FloatFormat, BinaryThirtyTwoRoundingMatchesTheHardware) {
-  // The integer rounding path against the FPU's own double -> float
-  // conversion (round to nearest even in the default mode).
+  // The integer rounding path against the FPU's double -> float conversion.
   std::mt19937_64 rng(7);
   for (int i = 0; i < 300000; ++i) {
-    double d;
-    const uint64_t bits = rng();
-    std::memcpy(&d, &bits, 8);
-    if (std::isnan(d)) continue;
-    ASSERT_EQ(std::bit_cast<uint32_t>(doubleToFloat(d)), std::bit_cast<uint32_t>(static_cast<float>(d))) << d;
+    const double d = std::bit_cast<double>(uint64_t(rng()));
     const double near = std::ldexp(double(int64_t(rng() >> 11)), int(rng() % 300) - 200);
+    ASSERT_TRUE(std::isnan(d) || std::bit_cast<uint32_t>(doubleToFloat(d)) == std::bit_cast<uint32_t>(static_cast<float>(d))) << d;
     ASSERT_EQ(std::bit_cast<uint32_t>(doubleToFloat(near)), std::bit_cast<uint32_t>(static_cast<float>(near)));
   }
   for (int64_t v : {int64_t(1) << 60, (int64_t(1) << 53) + 1, INT64_MAX, int64_t(16777217)})
     EXPECT_EQ(uint32_t(roundIntegerToFormat<8, 23>(false, uint64_t(v))), std::bit_cast<uint32_t>(static_cast<float>(v))) << v;
 }
 
+#if defined(__SANITIZE_ADDRESS__)
+constexpr uint64_t kNarrowingStep = 4099;  // instrumented builds sample every 4099th pattern
+#else
+constexpr uint64_t kNarrowingStep = 1;  // every binary32 pattern
+#endif
+
 // The block conversions (F16C where the processor has it) against the
-// scalar reference. Groups of 8 are converted together, so every pattern is
-// tried at every position of a group, next to NaNs and infinities as well.
-TEST(HalfBlocks, WideningMatchesTheScalarConversionForEveryPattern) {
+// scalar ones: widening puts every f16 pattern at every position of a group
+// of 8, next to NaNs and infinities; narrowing takes every binary32 pattern
+// in runs that are not a multiple of 8 (the tail takes the scalar path).
+TEST(HalfBlocks, MatchTheScalarConversionsForEveryPattern) {
   std::vector<half> in(65536 + 5);
   for (uint32_t h = 0; h < in.size(); ++h) in[h] = half::fromBits(uint16_t(h * 7919u));
   for (long shift = 0; shift < 8; ++shift) {
@@ -120,25 +108,16 @@ TEST(HalfBlocks, WideningMatchesTheScalarConversionForEveryPattern) {
       ASSERT_EQ(std::bit_cast<uint32_t>(out[i]), std::bit_cast<uint32_t>(halfBitsToFloat(in[i + shift].bits)))
           << std::hex << in[i + shift].bits << " (F16C: " << halfConversionsUseF16c() << ")";
   }
-}
-
-#if defined(__SANITIZE_ADDRESS__)
-constexpr uint64_t kNarrowingStep = 4099;  // instrumented builds sample every 4099th pattern
-#else
-constexpr uint64_t kNarrowingStep = 1;  // every binary32 pattern
-#endif
-
-TEST(HalfBlocks, NarrowingMatchesTheScalarConversionForEveryPattern) {
-  constexpr long kRun = 4096 + 3;  // not a multiple of 8: the tail takes the scalar path
-  std::vector<float> in(kRun);
-  std::vector<half> out(kRun);
+  constexpr long kRun = 4096 + 3;
+  std::vector<float> wide(kRun);
+  std::vector<half> narrow(kRun);
   for (uint64_t next = 0; next < (uint64_t(1) << 32);) {
     long n = 0;
-    for (; n < kRun && next < (uint64_t(1) << 32); ++n, next += kNarrowingStep) in[n] = std::bit_cast<float>(uint32_t(next));
-    narrowToHalves(in.data(), out.data(), n);
+    for (; n < kRun && next < (uint64_t(1) << 32); ++n, next += kNarrowingStep) wide[n] = std::bit_cast<float>(uint32_t(next));
+    narrowToHalves(wide.data(), narrow.data(), n);
     for (long i = 0; i < n; ++i)
-      if (out[i].bits != floatToHalfBits(in[i]))
-        FAIL() << std::hex << std::bit_cast<uint32_t>(in[i]) << " gives " << out[i].bits << " instead of "
-               << floatToHalfBits(in[i]);
+      if (narrow[i].bits != floatToHalfBits(wide[i]))
+        FAIL() << std::hex << std::bit_cast<uint32_t>(wide[i]) << " gives " << narrow[i].bits << " instead of "
+               << floatToHalfBits(wide[i]);
   }
 }
