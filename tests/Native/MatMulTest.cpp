@@ -61,17 +61,6 @@ Tensor matmul(const Tensor& lhs, const Tensor& rhs) {
   return runKernel(native::MatMulConfig, native::MatMul, Tensor(), lhs, rhs);
 }
 
-std::vector<uint32_t> floatBits(const std::vector<float>& v) {
-  std::vector<uint32_t> bits(v.size());
-  std::transform(v.begin(), v.end(), bits.begin(), [](float x) { return std::bit_cast<uint32_t>(x); });
-  return bits;
-}
-std::vector<uint16_t> halfBits(const std::vector<float>& v) {
-  std::vector<uint16_t> bits(v.size());
-  std::transform(v.begin(), v.end(), bits.begin(), [](float x) { return half(x).bits; });
-  return bits;
-}
-
 float halfRounded(float x) { return half(x).toFloat(); }
 
 }  // namespace
@@ -117,8 +106,10 @@ TEST(MatMul, EqualsTheSequentialKSumAcrossTilesBlocksBatchesAndInstructionSets) 
     auto at = [](const std::vector<float>& v, bool rounded) {
       return [&v, rounded](long i) { return rounded ? halfRounded(v[size_t(i)]) : v[size_t(i)]; };
     };
-    const auto expected = floatBits(referenceProduct<float>(ls, rs, at(a, false), at(b, false)));
-    const auto expectedHalf = halfBits(referenceProduct<float>(ls, rs, at(a, true), at(b, true)));
+    const auto sums = referenceProduct<float>(ls, rs, at(a, false), at(b, false));
+    const auto sumsHalf = referenceProduct<float>(ls, rs, at(a, true), at(b, true));
+    const auto expected = bitsOf<float>(f32s({long(sums.size())}, sums));
+    const auto expectedHalf = bitsOf<half>(f32s({long(sumsHalf.size())}, sumsHalf).cast(f16));
     Tensor lhs = tensorOf<float>(f32, ls, a), rhs = tensorOf<float>(f32, rs, b);
     for (const std::string& kernel : kernels) {
       SCOPED_TRACE(::testing::PrintToString(ls) + " x " + ::testing::PrintToString(rs) + " " + kernel);
