@@ -239,7 +239,6 @@ TEST(BinaryTrace, LinesNameEachOperandsOwnCoordinate) {
       {[&] { return runKernel(native::WhereConfig, native::Where, Tensor(), lhs, rhs, sls); },
        {2, 1}, {"fout[2, 1] = ternary_select(lhs[2, 0], rhs[1], sls[0, 1]) // ternary_select(3, 20, 0) -> 20 "}},
       {[&] { return OP(Mod)(lhs, rhs); }, {3, 0}, {}},  // outside the output
-      {[&] { return OP(Mod)(lhs, rhs); }, {3}, {}},     // another rank
   };
   for (const auto& [run, point, lines] : cases) expectTrace(run, point, lines);
   // In place: the line shows the original operand.

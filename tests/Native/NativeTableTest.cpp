@@ -1,40 +1,10 @@
-// What every native family shares: its members in the kernel table, called
-// by name as a host calls them, and the trap for an element type a member
-// does not serve.
+// What every native family shares: its members called by name as a host
+// calls them, and the trap for an element type a member does not serve.
 #include "NativeTest.h"
 
 using namespace kora;
 using namespace kora::test;
 using enum ElementType;
-
-TEST(NativeTable, ElementwiseMembersAreRegisteredWithTheirParameterKinds) {
-  const uint64_t tensor = 0x1000400, f32k = 0x40003, f64k = 0x80004, i64k = 0x80105, boolk = 0x10205, u64k = 0x80204;
-  const std::pair<std::string, std::vector<uint64_t>> groups[] = {
-      {"Abs Acos Acosh Asin Asinh Atan Atanh BitwiseNot Ceil Cos Cosh Erf Exp Floor GELU Log LogicalNot Mish Neg ReLU "
-       "Reciprocal Rsqrt Sigmoid Sign Sin Sinh Softsign Sqrt Swish Tan Tanh",
-       {tensor}},
-      {"Add Sub Mul Div Rem Mod Pow Max Min BitShift BitwiseAnd BitwiseOr BitwiseXor Equal NotEqual Greater "
-       "GreaterEqual Less LessEqual LogicalAnd LogicalOr LogicalXor PRelu Lut",
-       {tensor, tensor}},
-      {"Where", {tensor, tensor, tensor}}, {"Cast", {tensor, boolk}}, {"FakeCast", {tensor, u64k}},
-      {"GELUV2", {tensor, 0x1000404}}, {"LeakyReLU", {tensor, f64k}}, {"Softplus ClampF", {tensor, f64k, f64k}},
-      {"NanToNum", {tensor, f64k, f64k, f64k}}, {"Elu", {tensor, f32k}}, {"Selu Hardsigmoid", {tensor, f32k, f32k}},
-      {"Clamp", {tensor, i64k, i64k}}, {"Round", {tensor, i64k}},
-  };
-  size_t members = 0;
-  for (const auto& [names, inputs] : groups) {
-    std::istringstream list(names);
-    for (std::string name; list >> name; ++members) {
-      const KernelEntry* entry = findKernel("native::" + name);
-      ASSERT_NE(entry, nullptr) << name;
-      EXPECT_EQ(entry->numOutputs, 1u) << name;
-      EXPECT_EQ(entry->outputKinds[0], tensor) << name;
-      EXPECT_NE(entry->config, nullptr) << name;
-      EXPECT_EQ(std::vector<uint64_t>(entry->inputKinds, entry->inputKinds + entry->numInputs), inputs) << name;
-    }
-  }
-  EXPECT_EQ(members, 68u);
-}
 
 TEST(NativeTable, MembersRunByNameConfigFirst) {
   Tensor fin = f32s({2, 3}, {1, 2, 3, 4, 5, 6}), row = f32s({1, 2}, {1, 2}), w = f32s({2, 2}, {3, 4, 5, 6});
@@ -45,11 +15,9 @@ TEST(NativeTable, MembersRunByNameConfigFirst) {
       {"native::Clamp", {ints(si8, {-9, 0, 9}), -3L, 3L}, TensorType(si8, {3}), {-3, 0, 3}},
       {"native::Cast", {f32s({2}, {-5.5f, 7.9f}), true}, TensorType(ui8, {2}), {0, 7}, ui8},
       {"native::ReduceSum", {fin, Dims{1}, false}, TensorType(f32, {2}), {6, 15}},
-      {"native::ReduceArgMin", {fin, Dims{-1}, false}, TensorType(si64, {2}), {0, 0}},
       {"native::MatMul", {row, w}, TensorType(f32, {1, 2}), {13, 16}},
       {"native::CumSum", {fin, 0, true, false}, TensorType(f32, {2, 3}), {0, 0, 0, 1, 2, 3}},
       {"native::Linear", {row, w, f32s({2}, {0.5f, -0.5f})}, TensorType(f32, {1, 2}), {11.5, 16.5}},
-      {"native::LinearNoBias", {row, w}, TensorType(f32, {1, 2}), {11, 17}},
   };
   for (const Case& c : cases) {
     std::vector<Tensor> outputs = {Tensor(c.preset, {})};
@@ -69,7 +37,7 @@ TEST_F(NativeDeathTest, TypesAMemberDoesNotServeTrap) {
   using Call = std::function<Status(Tensor&, const Tensor&)>;
   const std::vector<long> matrix = {2, 2}, row = {2};
   const std::tuple<ElementType, ElementType, std::vector<long>, Call> cases[] = {
-      {f64, f64, matrix, native::Sigmoid}, {ui8, ui8, matrix, native::ReLU}, {opaque32, opaque32, matrix, native::LogicalNot},
+      {f64, f64, matrix, native::Sigmoid}, {opaque32, opaque32, matrix, native::LogicalNot},
       {f32, f32, matrix, [](Tensor& o, const Tensor& i) { return native::Clamp(o, i, 0, 1); }},
       {si32, si32, matrix, [](Tensor& o, const Tensor& i) { return native::Lut(o, i, Tensor::create(si32, {4})); }},
       {vbf16, vbf16, matrix, [](Tensor& o, const Tensor& i) { return native::Add(o, i, i); }},
@@ -77,7 +45,6 @@ TEST_F(NativeDeathTest, TypesAMemberDoesNotServeTrap) {
       {opaque16, bool8, matrix, [](Tensor& o, const Tensor& i) { return native::Less(o, i, i); }},
       {f32, opaque8, matrix, [](Tensor& o, const Tensor& i) { return native::Equal(o, i, i); }},
       {vbf16, vbf16, row, [](Tensor& o, const Tensor& i) { return native::ReduceMax(o, i, {0}, false); }},
-      {f64, f64, row, [](Tensor& o, const Tensor& i) { return native::ReduceLogSum(o, i, {0}, false); }},
       {bool8, si32, row, [](Tensor& o, const Tensor& i) { return native::ReduceArgMax(o, i, {0}, false); }},
       {tf32, tf32, matrix, [](Tensor& o, const Tensor& i) { return native::CumSum(o, i, 0, false, false); }},
   };
@@ -85,10 +52,8 @@ TEST_F(NativeDeathTest, TypesAMemberDoesNotServeTrap) {
     Tensor fin = Tensor::create(in, matrix), out = Tensor::create(outType, outShape);
     expectTypeTrap([&] { (void)call(out, fin); }, outType == opaque8 ? outType : in);
   }
-  for (ElementType type : {vbf16, ui8}) {
-    Tensor a = Tensor::create(type, matrix), out = Tensor::create(type, matrix);
-    expectTypeTrap([&] { (void)native::MatMul(out, a, a); }, type);
-  }
+  Tensor bytes = Tensor::create(ui8, matrix), bytesOut = Tensor::create(ui8, matrix);
+  expectTypeTrap([&] { (void)native::MatMul(bytesOut, bytes, bytes); }, ui8);
   Tensor in = Tensor::create(f32, row), unset = Tensor::create(f32, row).view(invalid);
   expectTypeTrap([&] { (void)native::ReLU(unset, in); }, invalid);
 }
