@@ -198,46 +198,41 @@ TEST(VelaPostProcess, ChecksInOrderAndWritesNothing) {
   const ElementType si8 = ElementType::si8, si16 = ElementType::si16, si32 = ElementType::si32,
                     si64 = ElementType::si64, f32 = ElementType::f32;
   // Each generation's message (nullptr: not a failure of that generation).
-  struct Case { const char *first, *second; bool encoded, perTensor; Tensor psum, quantInfo, sumin; ElementType foutType; };
+  struct Case { const char *first, *second; bool encoded; Tensor psum, quantInfo, sumin = Tensor(); ElementType foutType = ElementType::si8; };
   const Tensor psum = Tensor::create(si32, {2, 3}), rows = filled(si64, {3, 6}, 0);
   const char* same = "";
   const Case cases[] = {
-      {"psum must be si32", same, false, false, Tensor::create(si16, {2, 3}), rows, {}, si8},
-      {"shape of psum and fout must be identical", same, false, false, Tensor::create(si32, {3, 2}), rows, {}, si8},
-      {"decoded quantInfo must be si64", same, false, false, psum, filled(si32, {3, 6}, 0), {}, si8},
-      {"encoded and decoded quantInfo must be si64", "encoded quantInfo must be si64", true, false, psum,
-       filled(si32, {3, 2}, 0), {}, si8},
-      {"quantInfo rank must be either 2 or 3", same, false, false, psum, filled(si64, {18}, 0), {}, si8},
-      {"decoded quantInfo axis -1 be 6", same, false, false, psum, filled(si64, {3, 5}, 0), {}, si8},
-      {"encode tensor axis -1 must be either 1 or 2", "encode tensor axis -1 must be 2", true, false, psum, rows, {},
-       si8},
-      {"psum must have a channel axis", same, false, false, Tensor::create(si32, {}), rows, {}, si8},
+      {"psum must be si32", same, false, Tensor::create(si16, {2, 3}), rows},
+      {"shape of psum and fout must be identical", same, false, Tensor::create(si32, {3, 2}), rows},
+      {"decoded quantInfo must be si64", same, false, psum, filled(si32, {3, 6}, 0)},
+      {"encoded and decoded quantInfo must be si64", "encoded quantInfo must be si64", true, psum, filled(si32, {3, 2}, 0)},
+      {"quantInfo rank must be either 2 or 3", same, false, psum, filled(si64, {18}, 0)},
+      {"decoded quantInfo axis -1 be 6", same, false, psum, filled(si64, {3, 5}, 0)},
+      {"encode tensor axis -1 must be either 1 or 2", "encode tensor axis -1 must be 2", true, psum, rows},
+      {"psum must have a channel axis", same, false, Tensor::create(si32, {}), rows},
       {"quantInfo axis -2 must be greater or equal to psum axis -1", "quantInfo axis -2 must be identical to psum axis -1",
-       false, false, psum, filled(si64, {2, 6}, 0), {}, si8},
-      {"quantInfo axis 0 must be 1 or psum axis 0", same, false, false, psum, filled(si64, {3, 3, 6}, 0), {}, si8},
-      {"fout must be si8, si16 or si32", same, false, false, psum, rows, {}, f32},
-      {"sumin must be 8bit or 32bit", "sumin must be 8bit 16bit or 32bit", false, false, psum, rows,
-       Tensor::create(f32, {2, 3}), si8},
-      {"shape of psum and sumin must be identical", same, false, false, psum, rows, Tensor::create(si8, {3, 2}), si8},
-      {"sumin type does not match the quantInfo form", nullptr, true, false, psum, filled(si64, {3, 2}, 0),
-       Tensor::create(si32, {2, 3}), si8},
-      {"i32 suminRShift must be one of [8, 0, -8], but got 4", same, false, false, psum,
-       rowsOf({{}, {0, 0, 4, 0, 1, 0}, {}}), Tensor::create(si32, {2, 3}), si8},
+       false, psum, filled(si64, {2, 6}, 0)},
+      {"quantInfo axis 0 must be 1 or psum axis 0", same, false, psum, filled(si64, {3, 3, 6}, 0)},
+      {"fout must be si8, si16 or si32", same, false, psum, rows, {}, f32},
+      {"sumin must be 8bit or 32bit", "sumin must be 8bit 16bit or 32bit", false, psum, rows, Tensor::create(f32, {2, 3})},
+      {"shape of psum and sumin must be identical", same, false, psum, rows, Tensor::create(si8, {3, 2})},
+      {"sumin type does not match the quantInfo form", nullptr, true, psum, filled(si64, {3, 2}, 0),
+       Tensor::create(si32, {2, 3})},
+      {"i32 suminRShift must be one of [8, 0, -8], but got 4", same, false, psum,
+       rowsOf({{}, {0, 0, 4, 0, 1, 0}, {}}), Tensor::create(si32, {2, 3})},
   };
-  for (const Generation* g : kGenerations)
+  for (const Generation* g : kGenerations) {
+    Tensor noData(si8, std::vector<long>{2, 3});
+    EXPECT_EQ(g->pp(noData, psum, rows, Tensor(), false, false, false).message(), "post-process operands must hold data");
     for (const Case& c : cases) {
       const char* expected = g->second && c.second != same ? c.second : c.first;
       if (!expected) continue;
       Tensor fout = filled(c.foutType, c.psum.rank() == 2 ? std::vector<long>{2, 3} : std::vector<long>{}, 0x5a);
       const std::string before = storageBytes(fout);
-      const Status s = c.encoded ? g->ppEncoded(fout, c.psum, c.quantInfo, c.sumin, true, true, c.perTensor)
-                                 : g->pp(fout, c.psum, c.quantInfo, c.sumin, true, true, c.perTensor);
+      const Status s = c.encoded ? g->ppEncoded(fout, c.psum, c.quantInfo, c.sumin, true, true, false)
+                                 : g->pp(fout, c.psum, c.quantInfo, c.sumin, true, true, false);
       EXPECT_EQ(s.message(), expected) << g->name;
       EXPECT_EQ(storageBytes(fout), before) << expected;
     }
-  for (const Generation* g : kGenerations) {
-    Tensor noData(si8, std::vector<long>{2, 3});
-    EXPECT_EQ(g->pp(noData, psum, rows, Tensor(), false, false, false).message(),
-              "post-process operands must hold data");
   }
 }
