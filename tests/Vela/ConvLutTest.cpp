@@ -81,25 +81,23 @@ TEST(ConvLut, EveryIntervalRunsFromItsLeftEntryTowardItsRightOne) {
 }
 
 TEST(ConvLut, TraceLinesOfBothBanks) {
-  struct Case { int16_t x; std::vector<std::string> lines; };
+  // count 0: every line; otherwise the lines the other bank changes, among count.
+  struct Case { int16_t x; std::vector<std::string> lines; size_t count; };
   const Case cases[] = {
       {-5, {"lut trans: ", " value =     -5, max =      0, k =      1, b =      0, s =  0", " index =     -5",
         " index = clamp(-5, -32768, 32767) = res", " range 0", " lut interp: index =    -5  select =  -1",
         " odd = table[31] =  -4156", " even = table[32] =  -3904",
         " result = (diff * (1024 - interp)) >> 10 + even = (  -252 *      5) >> 10 +  -3904) =  -3906",
-        " result >>= 8 =    -16"}},
-      {37, {"lut trans: ", " value =     37, max =    200, k =    100, b =      0, s =  2", " index =    925",
-        " index = clamp(925, -32768, 32767) = res", " range 1", " lut interp: index =   925  select =   0",
-        " odd = table[33] =  -3644", " even = table[32] =  -3904",
-        " result = (diff * interp) >> 10 + even = (   260 *    925) >> 10 +  -3904) =  -3670",
-        " result >>= 8 =    -15"}},
+        " result >>= 8 =    -16"}, 0},
+      {37, {" range 1", " odd = table[33] =  -3644", " even = table[32] =  -3904",
+            " result = (diff * interp) >> 10 + even = (   260 *    925) >> 10 +  -3904) =  -3670"}, 10},
   };
   for (const Case& c : cases) {
     Tensor out = Tensor::create(ElementType::si8, {1, 2});
     test::TraceCapture capture;
     test::ScopedTracePoint point({0, 1});
     ASSERT_TRUE(ConvLut(out, tensorOf<int16_t>(ElementType::si16, {1, 2}, {0, c.x}), squares(), kRanges).ok());
-    EXPECT_EQ(capture.lines(), c.lines);
+    test::expectTrace(capture.lines(), c.lines, c.count);
   }
 }
 
