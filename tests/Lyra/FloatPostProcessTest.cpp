@@ -44,15 +44,10 @@ TEST(LyraFloatPostProcess, HandWorkedElementsInF32) {
   const Case cases[] = {
       {"65537 is a tie in fp24: to even 65536", 65537, {0, 0, 1}, 65536},
       {"65539 ties to even 65540", 65539, {0, 0, 1}, 65540},
-      {"65541 ties to even 65540", 65541, {0, 0, 1}, 65540},
-      {"-65537", -65537, {0, 0, 1}, -65536},
       {"65535 * (1 + 2^-15) rounds to 65536 (float32 would give 65537)", 65535, {0, 0, fromBits(0x3f800100)}, 65536},
       {"65536 + 1 ties to 65536", 65536, {1, 0, 1}, 65536},
-      {"65536 + 3 ties to 65540", 65536, {3, 0, 1}, 65540},
       {"the scale is cut, not rounded: 0.1f reads 0.0999985", 1000, {0, 0, 0.1f}, 99.998046875f},
       {"the bias is cut: 1 + 2^-23 reads 1", 0, {fromBits(0x3f800001), 0, 1}, 1},
-      {"1000 * 0.1 + 0.5", 1000, {0.5f, 0, 0.1f}, 100.498046875f},
-      {"a negative result without relu", 3, {-10, 0, 1}, -7},
       {"2^127 * 4 overflows to infinity", 4, {0, 0, fromBits(0x7f000000)}, INFINITY},
       {"a subnormal scale reads as zero", 1, {0, 0, fromBits(0x00400000)}, 0},
   };
@@ -68,13 +63,9 @@ TEST(LyraFloatPostProcess, TheNarrowingToEachOutputType) {
   struct Case { const char* what; int32_t psum; FloatRow row; int32_t nearest8, towardZero8; uint16_t nearest16, towardZero16, nearestBf16, towardZeroBf16; };
   const Case cases[] = {
       {"2.5: ties to even", 5, {0, 0, 0.5f}, 2, 2, 0x4100, 0x4100, 0x4020, 0x4020},
-      {"3.5", 7, {0, 0, 0.5f}, 4, 3, 0x4300, 0x4300, 0x4060, 0x4060},
-      {"-2.5", -5, {0, 0, 0.5f}, -2, -2, 0xc100, 0xc100, 0xc020, 0xc020},
       {"-3.75", -15, {0, 0, 0.25f}, -4, -3, 0xc380, 0xc380, 0xc070, 0xc070},
-      {"257: a bf16 tie", 257, {0, 0, 1}, 127, 127, 0x5c04, 0x5c04, 0x4380, 0x4380},
-      {"259: nearest 260 in bf16, 258 toward zero", 259, {0, 0, 1}, 127, 127, 0x5c0c, 0x5c0c, 0x4382, 0x4381},
-      {"2049: an f16 tie", 2049, {0, 0, 1}, 127, 127, 0x6800, 0x6800, 0x4500, 0x4500},
-      {"2051: nearest 2052 in f16, 2050 toward zero", 2051, {0, 0, 1}, 127, 127, 0x6802, 0x6801, 0x4500, 0x4500},
+      {"259: a bf16 tie, to even 260; 258 toward zero", 259, {0, 0, 1}, 127, 127, 0x5c0c, 0x5c0c, 0x4382, 0x4381},
+      {"2051: an f16 tie, to even 2052; 2050 toward zero", 2051, {0, 0, 1}, 127, 127, 0x6802, 0x6801, 0x4500, 0x4500},
       {"-300 saturates in si8", -300, {0, 0, 1}, -128, -128, 0xdcb0, 0xdcb0, 0xc396, 0xc396},
       {"70000 is beyond f16", 70000, {0, 0, 1}, 127, 127, 0x7c00, 0x7c00, 0x4789, 0x4788},
       {"2^-20 is below f16's normal range", 1, {0, 0, fromBits(0x35800000)}, 0, 0, 0x0000, 0x0000, 0x3580, 0x3580},
@@ -91,22 +82,6 @@ TEST(LyraFloatPostProcess, TheNarrowingToEachOutputType) {
   EXPECT_EQ(fpp<int32_t>(INT32_MAX, {0, 0, 1}, false, true), INT32_MAX) << "2^31 saturates";
   EXPECT_EQ(fpp<int32_t>(INT32_MIN, {0, 0, 1}, false, true), INT32_MIN);
   EXPECT_EQ(fpp<int32_t>(0, {NAN, 0, 1}, false, true), 0) << "NaN gives 0";
-}
-
-TEST(LyraFloatPostProcess, SuminOfEachFloatTypeIsCutScaledAndAdded) {
-  // 1000 * 0.1 + (0.5 + 2.7 * 0.3), each step in fp24: hand-worked patterns
-  // 0x3f4f5a (2.69995 * 0.299995), 0x3fa7ad, 0x42c7ff, 0x42ca9e.
-  EXPECT_EQ(fpp<float>(1000, {0.5f, 0.3f, 0.1f}, false, false, tensorOf<float>(ElementType::f32, {1, 1}, {2.7f})),
-            fromBits(0x42ca9e00));
-  // An f16 sumin is widened exactly: 2.69921875 in f16 is 0x4166; 2.69921875 *
-  // 0.299995 = 0.80975 -> 0x3f4f4c; + 0.5 -> 0x3fa7a6; + 99.998 -> 0x42ca9e.
-  Tensor f16Sumin = Tensor::create(ElementType::f16, {1, 1});
-  f16Sumin.data<half>()[0] = half::fromBits(0x4166);
-  EXPECT_EQ(fpp<float>(1000, {0.5f, 0.3f, 0.1f}, false, false, f16Sumin), fromBits(0x42ca9e00));
-  EXPECT_EQ(fpp<float>(0, {0.5f, 0.3f, 0.1f}, false, false, f16Sumin), fromBits(0x3fa7a600));
-  EXPECT_EQ(fpp<float>(0, {0, 1, 1}, false, false, tensorOf<float>(ElementType::f32, {1, 1}, {fromBits(0x3f8000ff)})),
-            1.0f)
-      << "the sumin is cut to fp24";
 }
 
 TEST(LyraFloatPostProcess, EveryOutputTypeEqualsTheSoftFloatStepsOnEdgeValues) {
@@ -310,7 +285,6 @@ TEST(LyraGenFloatQuantInfo, ChecksInOrder) {
       {f32, {1, 3}, {}, -1, "fout scale must be positive and finite"},
       {f32, {1, 3}, tensorOf<double>(ElementType::f64, {1}, {1e300}), 1, "can not get bias in range of fp24 on channel 0"},
       {f32, {1, 3}, {}, 1e-300, "can not get scale in range of fp24 on channel 0"},
-      {f32, {1, 3}, {}, 1e300, "can not get scale in range of fp24 on channel 0"},  // nonzero, flushed to zero
   };
   for (const Case& c : cases) {
     Tensor out = Tensor::create(c.type, c.quant);

@@ -1,5 +1,5 @@
 // The registered whole convolutions of both generations ("vela::Conv2d",
-// "lyra::Conv2d", "lyra::Conv2dFpp"): table entries, Config, called by name
+// "lyra::Conv2d", "lyra::Conv2dFpp"): Config, called by name
 // against the plain MAC reference followed by the post-process alone, the
 // whole traced element, failed checks, and a quantized convolution against
 // the real-valued one it stands for.
@@ -13,29 +13,6 @@
 using namespace kora;
 using namespace kora::test;
 
-TEST(VelaConv2d, RegisteredWithTheirParameterKinds) {
-  const uint64_t tensor = 0x1000400, i64 = 0x80105, i64s = 0x3080105, boolean = 0x10205;
-  const std::vector<uint64_t> integer = {tensor, tensor, tensor, tensor, tensor, i64, i64s, i64s, i64s, i64, i64,
-                                         boolean, boolean, boolean};
-  std::vector<uint64_t> floating = integer;
-  floating.erase(floating.begin() + 10);  // no quantForm
-  struct Case { const char* name; std::vector<uint64_t> inputs; KernelEntry::AnyFunction impl; };
-  const Case cases[] = {
-      {"vela::Conv2d", integer, reinterpret_cast<KernelEntry::AnyFunction>(&vela::Conv2d)},
-      {"lyra::Conv2d", integer, reinterpret_cast<KernelEntry::AnyFunction>(&lyra::Conv2d)},
-      {"lyra::Conv2dFpp", floating, reinterpret_cast<KernelEntry::AnyFunction>(&lyra::Conv2dFpp)},
-  };
-  for (const Case& c : cases) {
-    const KernelEntry* entry = findKernel(c.name);
-    ASSERT_NE(entry, nullptr) << c.name;
-    EXPECT_EQ(entry->numOutputs, 1u);
-    EXPECT_EQ(entry->outputKinds[0], tensor);
-    EXPECT_EQ(std::vector<uint64_t>(entry->inputKinds, entry->inputKinds + entry->numInputs), c.inputs) << c.name;
-    EXPECT_NE(entry->config, nullptr);
-    EXPECT_EQ(entry->impl, c.impl);
-  }
-}
-
 TEST(VelaConv2d, ConfigDerivesTheOutputAndChecks) {
   using V = std::vector<int64_t>;
   struct Case { int kernel; ElementType finType, preset; std::vector<long> fin, weight; V pad, stride, dilation;
@@ -44,26 +21,22 @@ TEST(VelaConv2d, ConfigDerivesTheOutputAndChecks) {
   const std::vector<long> fin = {1, 4, 4, 2}, weight = {2, 3, 3, 2}, big = {2, 7, 9, 4}, w = {5, 3, 2, 4};
   const Case cases[] = {
       // kernel 0: vela::Conv2d, 1: lyra::Conv2d, 2: lyra::Conv2dFpp
-      {0, si8, none, {1, 56, 56, 64}, {32, 3, 3, 64}, {1, 1}, {1, 1}, {1, 1}, si8, {1, 56, 56, 32}, nullptr},
       {0, si8, ElementType::si16, big, w, {0, 1, 2, 0}, {2, 3}, {1, 2}, ElementType::si16, {2, 4, 3, 5}, nullptr},
       {1, si8, none, big, w, {0, 1, 2, 0}, {2, 3}, {1, 2}, si8, {2, 4, 3, 5}, nullptr},
       {1, si8, ElementType::si32, {1, 5, 5, 2}, {3, 3, 3, 1}, {0, 0}, {1, 1}, {2, 2}, ElementType::si32, {1, 1, 1, 3},
        nullptr},
       {2, si8, none, big, w, {0, 1, 2, 0}, {2, 3}, {1, 2}, f32, {2, 4, 3, 5}, nullptr},
       {2, si8, ElementType::vbf16, big, w, {0, 1, 2, 0}, {2, 3}, {1, 2}, ElementType::vbf16, {2, 4, 3, 5}, nullptr},
-      {2, si8, ElementType::si32, big, w, {0, 1, 2, 0}, {2, 3}, {1, 2}, ElementType::si32, {2, 4, 3, 5}, nullptr},
       {0, ElementType::ui8, none, fin, weight, {0, 0}, {1, 1}, {1, 1}, none, {}, "fin and weight must be si8"},
       {0, si8, none, {4, 4, 2}, weight, {0, 0}, {1, 1}, {1, 1}, none, {}, "rank of conv input must be 4: [n, h, w, c]"},
       {0, si8, none, fin, {2, 9, 2}, {0, 0}, {1, 1}, {1, 1}, none, {}, "rank of conv weight must be 4: [k, r, s, c]"},
       {1, si8, none, fin, weight, {0}, {1, 1}, {1, 1}, none, {}, "wrong size of pad"},
-      {2, si8, none, fin, weight, {0, 0, 0}, {1, 1}, {1, 1}, none, {}, "wrong size of pad"},
       {0, si8, none, fin, weight, {0, 0}, {1, 1}, {1}, none, {}, "wrong size of stride, dilation"},
       {0, si8, none, fin, weight, {0, 0}, {0, 1}, {1, 1}, none, {}, "stride and dilation must be positive"},
       {0, si8, none, fin, weight, {int64_t(1) << 40, 0}, {1, 1}, {1, 1}, none, {},
        "conv window parameters must lie within [-2^30, 2^30]"},
       {0, si8, none, fin, weight, {0, 0}, {1, 1}, {2, 1}, none, {}, "kernel window larger than padded input"},
       {0, si8, f32, fin, weight, {0, 0}, {1, 1}, {1, 1}, none, {}, "fout must be si8, si16 or si32"},
-      {1, si8, f32, fin, weight, {0, 0}, {1, 1}, {1, 1}, none, {}, "fout must be si8, si16 or si32"},
       {2, si8, ElementType::f64, fin, weight, {0, 0}, {1, 1}, {1, 1}, none, {},
        "fout must be f32, f16, bf16, si8, si16 or si32"},
   };
@@ -149,21 +122,19 @@ TEST(VelaConv2d, TraceShowsTheMacStepsThenThePostProcessSteps) {
   const std::vector<std::string> macLines = {
       "psum[0, 0, 1, 1] += fin[0, 0, 1, 0] * weight[1, 0, 0, 0] // 0 += 5 * -9 -> -45",
       "psum[0, 0, 1, 1] += fin[0, 0, 1, 1] * weight[1, 0, 0, 1] // -45 += 6 * 10 -> 15"};
-  struct Case { const char* name; Tensor quant; std::vector<std::string> lines; std::vector<float> values; };
+  struct Case { const char* name; Tensor quant; std::vector<std::string> lines; };
   const Case cases[] = {
       // Output (0, 1), channel 1: 5 * -9 + 6 * 10 = 15; bias 1 -> 16; >> 1 -> 8.
       {"vela::Conv2d", rowsOf({{0, 0, 0, 0, 1, 1}, {1, 0, 0, 0, 1, 1}}),
        {"psum64 = psum[0, 0, 1, 1] // 15", "psum64 += bias(1) // 16", "psum64 >>= preRShift(0) // 16",
         "psum64 = clamp16(psum64) // 16", "psum64 *= scale(1) // 16", "psum64 >>= postRShift(1) // 8",
-        "fout[0, 0, 1, 1] = clamp(psum64) // 8"},
-       {(21 - 32) >> 1, (-27 - 40 + 1) >> 1, (35 + 48) >> 1, 8}},
+        "fout[0, 0, 1, 1] = clamp(psum64) // 8"}},
       // 15 * 0.25 - 0.5 = 3.25.
       {"lyra::Conv2dFpp", tensorOf<float>(ElementType::f32, {2, 3}, {0, 0, 1, -0.5f, 0, 0.25f}),
        {"f24Bias = float32ToFp24(-0.5) // 0xbf0000(-0.5)", "fp24SuminAddBias = f24Bias // 0xbf0000(-0.5)",
         "fp24Res = intToFp24(15) // 0x417000(15)", "f24OutputScale = float32ToFp24(0.25) // 0x3e8000(0.25)",
         "fp24Res *= f24OutputScale // 0x407000(3.75)", "fp24Res += fp24SuminAddBias // 0x405000(3.25)",
-        "fp32Res = f24ToF32(fp24Res) // 0x40500000(3.25)"},
-       {-11, (-27 - 40) * 0.25f - 0.5f, 83, 3.25f}},
+        "fp32Res = f24ToF32(fp24Res) // 0x40500000(3.25)"}},
   };
   for (const Case& c : cases) {
     TraceCapture capture;
@@ -178,52 +149,33 @@ TEST(VelaConv2d, TraceShowsTheMacStepsThenThePostProcessSteps) {
     std::vector<std::string> expected = macLines;
     expected.insert(expected.end(), c.lines.begin(), c.lines.end());
     EXPECT_EQ(capture.lines(), expected);
-    std::vector<float> values;
-    if (outputs[0].elementType() == ElementType::f32)
-      values = valuesOf<float>(outputs[0]);
-    else
-      for (int64_t v : integersOf(outputs[0])) values.push_back(float(v));
-    EXPECT_EQ(values, c.values) << c.name;
   }
 }
 
 TEST(VelaConv2d, AFailedCheckWritesAndTracesNothing) {
   const Tensor fin = filled(ElementType::si8, {1, 3, 3, 2}, 1), weight = filled(ElementType::si8, {2, 1, 1, 2}, 1);
-  const Tensor rows = filled(ElementType::si64, {2, 6}, 0), floatRows = filled(ElementType::f32, {2, 3}, 0);
-  // Each kernel's message: vela::Conv2d, lyra::Conv2d, lyra::Conv2dFpp (nullptr: not run).
-  struct Case { const char* expected[3]; Tensor weight, quant, sumin, psum; int64_t quantForm; };
+  // Each kernel's message: vela::Conv2d, lyra::Conv2d, lyra::Conv2dFpp (nullptr: not run); a short
+  // quant table fails only after the MAC would have run.
+  struct Case { const char* expected[3]; long channels; Tensor sumin; int64_t quantForm; };
   const Case cases[] = {
-      {{"quantForm must be 0 (decoded) or 1 (encoded)", "quantForm must be 0 (decoded) or 1 (encoded)", nullptr},
-       weight, rows, {}, {}, 2},
-      {{"k of weight and psum must be same", "k of weight and psum must be same", "k of weight and psum must be same"},
-       filled(ElementType::si8, {3, 1, 1, 2}, 1), rows, {}, {}, 0},
-      {{"quantInfo axis -2 must be greater or equal to psum axis -1",
-        "quantInfo axis -2 must be identical to psum axis -1", "quantInfo axis -2 must be identical to psum axis -1"},
-       weight, filled(ElementType::si64, {1, 6}, 0), {}, {}, 0},
-      {{"encode tensor axis -1 must be either 1 or 2", "encode tensor axis -1 must be 2", nullptr}, weight, rows, {}, {}, 1},
-      {{"sumin must be 8bit or 32bit", "sumin must be 8bit 16bit or 32bit", nullptr}, weight, rows,
-       Tensor::create(ElementType::f32, {1, 3, 3, 2}), {}, 0},
-      {{nullptr, nullptr, "sumin must be f32 or f16"}, weight, rows, Tensor::create(ElementType::si8, {1, 3, 3, 2}), {}, 0},
-      {{"psum must be si32", "psum must be si32", "psum must be si32"}, weight, rows, {},
-       Tensor::create(ElementType::si8, {1, 3, 3, 2}), 0},
-      {{"shape of psum and fout must be identical", "shape of psum and fout must be identical",
-        "shape of psum and fout must be identical"}, weight, rows, {}, Tensor::create(ElementType::si32, {1, 3, 3, 1}), 0},
+      {{"quantForm must be 0 (decoded) or 1 (encoded)", "quantForm must be 0 (decoded) or 1 (encoded)", nullptr}, 2, {}, 2},
+      {{"quantInfo axis -2 must be greater or equal to psum axis -1", "quantInfo axis -2 must be identical to psum axis -1",
+        "quantInfo axis -2 must be identical to psum axis -1"}, 1, {}, 0},
+      {{nullptr, nullptr, "sumin must be f32 or f16"}, 2, Tensor::create(ElementType::si8, {1, 3, 3, 2}), 0},
   };
   for (const Case& c : cases)
     for (int kernel = 0; kernel < 3; ++kernel) {
       if (!c.expected[kernel]) continue;
       Tensor fout = filled(kernel == 2 ? ElementType::f32 : ElementType::si8, {1, 3, 3, 2}, 77);
       const std::string before = storageBytes(fout);
-      const Tensor quant = kernel < 2 ? c.quant : c.quant.dim(-1) == 6 && c.quant.dim(0) == 1
-                                                       ? filled(ElementType::f32, {1, 3}, 0) : floatRows;
+      const Tensor quant = filled(kernel < 2 ? ElementType::si64 : ElementType::f32, {c.channels, kernel < 2 ? 6 : 3}, 0);
       TraceCapture capture;
       ScopedTracePoint point({0, 1, 1, 1});
       const std::vector<int64_t> pad = {0, 0}, one = {1, 1};
       const Status s =
-          kernel == 0 ? vela::Conv2d(fout, fin, c.weight, quant, c.sumin, c.psum, 0, pad, one, one, 1, c.quantForm, 0, 0, 0)
-          : kernel == 1
-              ? lyra::Conv2d(fout, fin, c.weight, quant, c.sumin, c.psum, 0, pad, one, one, 1, c.quantForm, 0, 0, 0)
-              : lyra::Conv2dFpp(fout, fin, c.weight, quant, c.sumin, c.psum, 0, pad, one, one, 1, 0, 0, 0);
+          kernel == 0 ? vela::Conv2d(fout, fin, weight, quant, c.sumin, {}, 0, pad, one, one, 1, c.quantForm, 0, 0, 0)
+          : kernel == 1 ? lyra::Conv2d(fout, fin, weight, quant, c.sumin, {}, 0, pad, one, one, 1, c.quantForm, 0, 0, 0)
+                        : lyra::Conv2dFpp(fout, fin, weight, quant, c.sumin, {}, 0, pad, one, one, 1, 0, 0, 0);
       EXPECT_EQ(s.message(), c.expected[kernel]) << kernel;
       EXPECT_EQ(storageBytes(fout), before) << c.expected[kernel];
       EXPECT_TRUE(capture.lines().empty()) << c.expected[kernel] << ": nothing is traced either";

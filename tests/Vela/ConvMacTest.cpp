@@ -135,31 +135,21 @@ TEST(VelaConvMac, SparseRowsApplyToTheirIndexedTaps) {
 
 TEST(VelaConvMac, TraceListsEveryProductInTheVariantsOrder) {
   const Tensor fin = tensorOf<int8_t>(ElementType::si8, {1, 2, 2, 2}, {1, -2, 3, 4, 5, 6, -7, 8});
-  const Tensor weight = tensorOf<int8_t>(ElementType::si8, {1, 2, 2, 2}, {2, 3, -1, 1, 4, 0, 5, -6});
+  const Tensor weight = tensorOf<int8_t>(ElementType::si8, {1, 1, 2, 2}, {2, 3, -1, 1});
   const Tensor fin1 = tensorOf<int8_t>(ElementType::si8, {1, 2, 2, 1}, {1, 2, 3, 4});
-  const Tensor fin4 = tensorOf<int8_t>(ElementType::si8, {1, 1, 1, 4}, {1, 2, 3, 4});
-  const Tensor weight2 = tensorOf<int8_t>(ElementType::si8, {2, 1, 1, 2}, {7, 8, 5, -6});
   Tensor zigzag = Tensor::create(ElementType::si8, {1, 4, 1});
   ASSERT_TRUE(ConvZigzagWeight(zigzag, tensorOf<int8_t>(ElementType::si8, {1, 2, 2, 1}, {10, 20, 30, 40})).ok());
   struct Case { std::vector<long> shape; std::vector<int32_t> start; std::vector<long> point;
                 std::function<Status(Tensor&)> call; std::vector<std::string> lines; };
   const Case cases[] = {
-      // Output (1, 1) reads fin row 1, col 1 at tap (0, 0); the other taps
-      // fall outside and read the pad value -2.
+      // Output (1, 1) reads fin row 1, col 1 at tap (0, 0); tap (0, 1) falls
+      // outside and reads the pad value -2.
       {{1, 2, 2, 1}, {10, 20, 30, 40}, {0, 1, 1, 0},
        [&](Tensor& p) { return ConvMac(p, fin, weight, {0, 0}, -2, {1, 1}, {1, 1}, 1); },
        {"psum[0, 1, 1, 0] += fin[0, 1, 1, 0] * weight[0, 0, 0, 0] // 40 += -7 * 2 -> 26",
         "psum[0, 1, 1, 0] += fin[0, 1, 1, 1] * weight[0, 0, 0, 1] // 26 += 8 * 3 -> 50",
         "psum[0, 1, 1, 0] += fin[0, 1, 2, 0] * weight[0, 0, 1, 0] // 50 += -2 * -1 -> 52",
-        "psum[0, 1, 1, 0] += fin[0, 1, 2, 1] * weight[0, 0, 1, 1] // 52 += -2 * 1 -> 50",
-        "psum[0, 1, 1, 0] += fin[0, 2, 1, 0] * weight[0, 1, 0, 0] // 50 += -2 * 4 -> 42",
-        "psum[0, 1, 1, 0] += fin[0, 2, 1, 1] * weight[0, 1, 0, 1] // 42 += -2 * 0 -> 42",
-        "psum[0, 1, 1, 0] += fin[0, 2, 2, 0] * weight[0, 1, 1, 0] // 42 += -2 * 5 -> 32",
-        "psum[0, 1, 1, 0] += fin[0, 2, 2, 1] * weight[0, 1, 1, 1] // 32 += -2 * -6 -> 44"}},
-      // Two groups: output channel 1 reads input channels 2 and 3.
-      {{1, 1, 1, 2}, {0, 0}, {0, 0, 0, 1}, [&](Tensor& p) { return ConvMac(p, fin4, weight2, {0, 0}, 0, {1, 1}, {1, 1}, 2); },
-       {"psum[0, 0, 0, 1] += fin[0, 0, 0, 2] * weight[1, 0, 0, 0] // 0 += 3 * 5 -> 15",
-        "psum[0, 0, 0, 1] += fin[0, 0, 0, 3] * weight[1, 0, 0, 1] // 15 += 4 * -6 -> -9"}},
+        "psum[0, 1, 1, 0] += fin[0, 1, 2, 1] * weight[0, 0, 1, 1] // 52 += -2 * 1 -> 50"}},
       // Zigzag order visits (0,0), (1,0), (1,1), (0,1).
       {{1, 1, 1, 1}, {0}, {0, 0, 0, 0}, [&](Tensor& p) { return ConvZigzagMac(p, fin1, zigzag, {0, 0}, {2, 2}, 0, {1, 1}, 1, 0); },
        {"psum[0, 0, 0, 0] += fin[0, 0, 0, 0] * weight[0, 0, 0] // 0 += 1 * 10 -> 10",
@@ -179,82 +169,68 @@ TEST(VelaConvMac, TraceListsEveryProductInTheVariantsOrder) {
 }
 
 TEST(VelaConvMac, ChecksInOrderWriteNothing) {
-  const ElementType si8 = ElementType::si8, si32 = ElementType::si32;
-  const std::vector<long> ok = {1, 2, 2, 2};
-  struct Case { const char* expected; ElementType finType, psumType; std::vector<long> fin, weight, psum;
-                std::vector<int64_t> pad, stride, dilation; int64_t group; };
-  const Case dense[] = {
-      {"fin and weight must be si8", ElementType::f32, si32, {1, 4, 4, 4}, {2, 3, 3, 4}, ok, {0, 0}, {1, 1}, {1, 1}, 1},
-      {"psum must be si32 when fin is si8", si8, ElementType::si16, {1, 4, 4, 4}, {2, 3, 3, 4}, ok, {0, 0}, {1, 1}, {1, 1}, 1},
-      {"rank of conv input and output must be same", si8, si32, {1, 4, 4, 4}, {2, 3, 3, 4}, {2, 2, 2}, {0, 0}, {1, 1}, {1, 1}, 1},
-      {"rank of conv weight must be 4: [k, r, s, c]", si8, si32, {1, 4, 4, 4}, {2, 9, 4}, ok, {0, 0}, {1, 1}, {1, 1}, 1},
-      {"tensor group number invalid", si8, si32, {1, 4, 4, 4}, {2, 3, 3, 4}, ok, {0, 0}, {1, 1}, {1, 1}, 2},
-      {"tensor group number invalid", si8, si32, {1, 4, 4, 4}, {2, 3, 3, 2}, ok, {0, 0}, {1, 1}, {1, 1}, 0},
-      {"tensor group number invalid", si8, si32, {1, 4, 4, 4}, {3, 3, 3, 2}, {1, 2, 2, 3}, {0, 0}, {1, 1}, {1, 1}, 2},
-      {"k of weight and psum must be same", si8, si32, {1, 4, 4, 4}, {2, 3, 3, 4}, {1, 2, 2, 3}, {0, 0}, {1, 1}, {1, 1}, 1},
-      {"wrong size of pad", si8, si32, {1, 4, 4, 4}, {2, 3, 3, 4}, ok, {0, 0, 0}, {1, 1}, {1, 1}, 1},
-      {"wrong size of stride, dilation", si8, si32, {1, 4, 4, 4}, {2, 3, 3, 4}, ok, {0, 0}, {1}, {1, 1}, 1},
-      {"wrong size of stride, dilation", si8, si32, {1, 4, 4, 4}, {2, 3, 3, 4}, ok, {0, 0}, {1, 1}, {1, 1, 1}, 1},
-      {"rank of conv input and output must be 4: [n, h, w, c]", si8, si32, {4, 4, 4}, {2, 3, 3, 4}, {2, 2, 2}, {0, 0},
-       {1, 1}, {1, 1}, 1},
-      {"batch of conv input and output must be same", si8, si32, {1, 4, 4, 4}, {2, 3, 3, 4}, {2, 2, 2, 2}, {0, 0}, {1, 1},
-       {1, 1}, 1},
-      {"conv window parameters must lie within [-2^30, 2^30]", si8, si32, {1, 4, 4, 4}, {2, 3, 3, 4}, ok, {0, 0},
-       {1, int64_t(1) << 31}, {1, 1}, 1},
+  // A valid call of each variant; each row changes one thing. `window` is the
+  // dilation (dense) or the kernel; `index` and `last` the sparse index and its last value.
+  struct Call {
+    ElementType fin = ElementType::si8, psum = ElementType::si32, index = ElementType::si32;
+    std::vector<long> finShape = {1, 3, 3, 4}, weight = {2, 9, 4}, psumShape = {1, 2, 2, 2}, indexShape = {2, 3};
+    std::vector<int64_t> pad = {0, 0}, stride = {1, 1}, window = {3, 3};
+    int64_t group = 1, firstTap = 0, last = 0;
   };
-  // Zigzag: `dilation` holds the kernel, `group` the group and firstTap as 10 * group + firstTap.
-  const Case zigzag[] = {
-      {"operands type for conv must be si8", ElementType::ui8, si32, {1, 3, 3, 4}, {2, 9, 4}, ok, {0, 0}, {1, 1}, {3, 3}, 10},
-      {"psum type for conv must be si32", si8, ElementType::si64, {1, 3, 3, 4}, {2, 9, 4}, ok, {0, 0}, {1, 1}, {3, 3}, 10},
-      {"channel number for conv weight and output must be same", si8, si32, {1, 3, 3, 4}, {2, 9, 4}, {1, 1, 1, 3}, {0, 0},
-       {1, 1}, {3, 3}, 10},
-      {"wrong size of pad, stride or kernel", si8, si32, {1, 3, 3, 4}, {2, 9, 4}, ok, {0}, {1, 1}, {3, 3}, 10},
-      {"wrong size of pad, stride or kernel", si8, si32, {1, 3, 3, 4}, {2, 9, 4}, ok, {0, 0}, {1, 1}, {3}, 10},
-      {"rank of conv weight must be at lease 3", si8, si32, {1, 3, 3, 4}, {2, 36}, ok, {0, 0}, {1, 1}, {3, 3}, 10},
-      {"invalid group num", si8, si32, {1, 3, 3, 4}, {2, 9, 4}, ok, {0, 0}, {1, 1}, {3, 3}, 20},
-      {"rank of zigzag conv weight must be 3: [k, t, c]", si8, si32, {1, 3, 3, 4}, {2, 3, 3, 4}, ok, {0, 0}, {1, 1},
-       {3, 3}, 10},
-      {"wrong size of pad, stride or kernel", si8, si32, {1, 3, 3, 4}, {2, 9, 4}, ok, {0, 0}, {1, 1}, {3, 3}, 11},
-      {"wrong size of pad, stride or kernel", si8, si32, {1, 3, 3, 4}, {2, 9, 4}, ok, {0, 0}, {1, 1}, {2, 4}, 10},
+  using Change = std::function<void(Call&)>;
+  const std::pair<const char*, Change> dense[] = {
+      {"fin and weight must be si8", [](Call& c) { c.fin = ElementType::f32; }},
+      {"psum must be si32 when fin is si8", [](Call& c) { c.psum = ElementType::si16; }},
+      {"rank of conv input and output must be same", [](Call& c) { c.psumShape = {2, 2, 2}; }},
+      {"rank of conv weight must be 4: [k, r, s, c]", [](Call& c) { c.weight = {2, 9, 4}; }},
+      {"tensor group number invalid", [](Call& c) { c.group = 2; }},
+      {"k of weight and psum must be same", [](Call& c) { c.psumShape = {1, 2, 2, 3}; }},
+      {"wrong size of pad", [](Call& c) { c.pad = {0, 0, 0}; }},
+      {"wrong size of stride, dilation", [](Call& c) { c.stride = {1}; }},
+      {"rank of conv input and output must be 4: [n, h, w, c]", [](Call& c) { c.finShape = {4, 4, 4}, c.psumShape = {2, 2, 2}; }},
+      {"batch of conv input and output must be same", [](Call& c) { c.psumShape = {2, 2, 2, 2}; }},
+      {"conv window parameters must lie within [-2^30, 2^30]", [](Call& c) { c.stride = {1, int64_t(1) << 31}; }},
   };
-  auto run = [](const Case& c, const std::function<Status(Tensor&, const Tensor&, const Tensor&)>& call) {
-    Tensor psum = filled(c.psumType, c.psum, 0x5a);
+  const std::pair<const char*, Change> zigzag[] = {
+      {"operands type for conv must be si8", [](Call& c) { c.fin = ElementType::ui8; }},
+      {"psum type for conv must be si32", [](Call& c) { c.psum = ElementType::si64; }},
+      {"channel number for conv weight and output must be same", [](Call& c) { c.psumShape = {1, 1, 1, 3}; }},
+      {"wrong size of pad, stride or kernel", [](Call& c) { c.pad = {0}; }},
+      {"rank of conv weight must be at lease 3", [](Call& c) { c.weight = {2, 36}; }},
+      {"invalid group num", [](Call& c) { c.group = 2; }},
+      {"rank of zigzag conv weight must be 3: [k, t, c]", [](Call& c) { c.weight = {2, 3, 3, 4}; }},
+  };
+  const std::pair<const char*, Change> sparse[] = {
+      {"rank of conv input and output must be same", [](Call& c) { c.psumShape = {2, 2, 2}; }},
+      {"rank of conv weight must be at lease 3", [](Call& c) { c.weight = {2, 12}; }},
+      {"invalid pad info. Should contain 2 elements: padTop and padLeft", [](Call& c) { c.pad = {0, 0, 0, 0}; }},
+      {"invalid kernel info. Should contain 2 elements: kerH and kerW", [](Call& c) { c.window = {2}; }},
+      {"invalid stride info. Should contain 2 elements: strH and strW", [](Call& c) { c.stride = {1}; }},
+      {"rank of sparse conv weight must be 3: [k, t, c]", [](Call& c) { c.weight = {2, 3, 1, 4}; }},
+      {"channel number for conv weight and output must be same", [](Call& c) { c.weight = {3, 3, 4}, c.indexShape = {3, 3}; }},
+      {"channel number of sparse conv weight and input must be same", [](Call& c) { c.weight = {2, 3, 5}; }},
+      {"sparse index must be si32 or si64 of shape [k, t]", [](Call& c) { c.index = ElementType::si16; }},
+      {"kernel size must be positive", [](Call& c) { c.window = {0, 2}; }},
+      {"sparse index must be less than kerH * kerW", [](Call& c) { c.last = 4; }},
+  };
+  auto run = [](const char* expected, Call c, const Change& change, int variant) {
+    change(c);
+    Tensor psum = filled(c.psum, c.psumShape, 0x5a), index = filled(c.index, c.indexShape, 0);
+    if (c.index == ElementType::si32) index.data<int32_t>()[index.numElements() - 1] = int32_t(c.last);
+    const Tensor fin = filled(c.fin, c.finShape, 1), weight = filled(ElementType::si8, c.weight, 1);
     const std::string before = storageBytes(psum);
-    EXPECT_EQ(call(psum, filled(c.finType, c.fin, 1), filled(si8, c.weight, 1)).message(), c.expected);
-    EXPECT_EQ(storageBytes(psum), before) << c.expected;
+    const Status s = variant == 0 ? ConvMac(psum, fin, weight, c.pad, 0, c.stride, c.window, c.group)
+                     : variant == 1
+                         ? ConvZigzagMac(psum, fin, weight, c.pad, c.window, 0, c.stride, c.group, c.firstTap)
+                         : ConvSparseMac(psum, fin, weight, index, c.window, c.pad, 0, c.stride);
+    EXPECT_EQ(s.message(), expected);
+    EXPECT_EQ(storageBytes(psum), before) << expected;
   };
-  for (const Case& c : dense)
-    run(c, [&](Tensor& p, const Tensor& f, const Tensor& w) { return ConvMac(p, f, w, c.pad, 0, c.stride, c.dilation, c.group); });
-  for (const Case& c : zigzag)
-    run(c, [&](Tensor& p, const Tensor& f, const Tensor& w) {
-      return ConvZigzagMac(p, f, w, c.pad, c.dilation, 0, c.stride, c.group / 10, c.group % 10);
-    });
-  // Sparse: fin and finType describe the index, `dilation` holds the kernel, `group` the last index value.
-  const Case sparse[] = {
-      {"rank of conv input and output must be same", si32, si32, {2, 3}, {2, 3, 4}, {2, 2, 2}, {0, 0}, {1, 1}, {2, 2}, 0},
-      {"rank of conv weight must be at lease 3", si32, si32, {2, 3}, {2, 12}, ok, {0, 0}, {1, 1}, {2, 2}, 0},
-      {"invalid pad info. Should contain 2 elements: padTop and padLeft", si32, si32, {2, 3}, {2, 3, 4}, ok, {0, 0, 0, 0},
-       {1, 1}, {2, 2}, 0},
-      {"invalid kernel info. Should contain 2 elements: kerH and kerW", si32, si32, {2, 3}, {2, 3, 4}, ok, {0, 0}, {1, 1},
-       {2}, 0},
-      {"invalid stride info. Should contain 2 elements: strH and strW", si32, si32, {2, 3}, {2, 3, 4}, ok, {0, 0}, {1},
-       {2, 2}, 0},
-      {"rank of sparse conv weight must be 3: [k, t, c]", si32, si32, {2, 3}, {2, 3, 1, 4}, ok, {0, 0}, {1, 1}, {2, 2}, 0},
-      {"channel number for conv weight and output must be same", si32, si32, {3, 3}, {3, 3, 4}, ok, {0, 0}, {1, 1}, {2, 2}, 0},
-      {"channel number of sparse conv weight and input must be same", si32, si32, {2, 3}, {2, 3, 5}, ok, {0, 0}, {1, 1},
-       {2, 2}, 0},
-      {"sparse index must be si32 or si64 of shape [k, t]", ElementType::si16, si32, {2, 3}, {2, 3, 4}, ok, {0, 0}, {1, 1},
-       {2, 2}, 0},
-      {"sparse index must be si32 or si64 of shape [k, t]", si32, si32, {2, 4}, {2, 3, 4}, ok, {0, 0}, {1, 1}, {2, 2}, 0},
-      {"kernel size must be positive", si32, si32, {2, 3}, {2, 3, 4}, ok, {0, 0}, {1, 1}, {0, 2}, 0},
-      {"sparse index must be less than kerH * kerW", si32, si32, {2, 3}, {2, 3, 4}, ok, {0, 0}, {1, 1}, {2, 2}, 4},
-  };
-  for (const Case& c : sparse) {
-    Tensor index = filled(c.finType, c.fin, 0);
-    if (index.elementType() == si32) index.data<int32_t>()[index.numElements() - 1] = int32_t(c.group);
-    run({c.expected, si8, si32, {1, 3, 3, 4}, c.weight, c.psum, {}, {}, {}, 0},
-        [&](Tensor& p, const Tensor& f, const Tensor& w) { return ConvSparseMac(p, f, w, index, c.dilation, c.pad, 0, c.stride); });
-  }
+  const Call denseCall{.finShape = {1, 4, 4, 4}, .weight = {2, 3, 3, 4}, .window = {1, 1}},
+      sparseCall{.weight = {2, 3, 4}, .window = {2, 2}};
+  for (const auto& [expected, change] : dense) run(expected, denseCall, change, 0);
+  for (const auto& [expected, change] : zigzag) run(expected, Call{}, change, 1);
+  for (const auto& [expected, change] : sparse) run(expected, sparseCall, change, 2);
 }
 
 TEST(VelaConvMac, ZigzagWeightChecksShapesInOrder) {

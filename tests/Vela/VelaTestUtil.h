@@ -4,6 +4,7 @@
 // library's engine, decoded quant-info rows, an integer post-process
 // reference written with floor divisions, and what the integer tests need of
 // each generation.
+#include <algorithm>
 #include <cstdint>
 #include <random>
 #include <vector>
@@ -129,6 +130,16 @@ inline std::vector<int64_t> decodeWords(const Generation& g, const std::vector<i
   const Status s = g.decode(out, tensorOf<int64_t>(ElementType::si64, {K, g.words(sumin32)}, words), sumin32);
   EXPECT_TRUE(s.ok()) << g.name << ": " << s.message();
   return valuesOf<int64_t>(out);
+}
+
+/// Full: the lines exactly; otherwise these lines among `count` in all.
+inline void expectTrace(const std::vector<std::string>& got, const std::vector<std::string>& lines, size_t count) {
+  if (count == 0) {
+    EXPECT_EQ(got, lines);
+    return;
+  }
+  EXPECT_EQ(got.size(), count);
+  for (const std::string& line : lines) EXPECT_NE(std::find(got.begin(), got.end(), line), got.end()) << line;
 }
 
 /// A tensor of `type` holding `values` converted to it.
