@@ -184,6 +184,8 @@ TEST(VelaConvMac, ChecksInOrderWriteNothing) {
       {"rank of conv input and output must be same", [](Call& c) { c.psumShape = {2, 2, 2}; }},
       {"rank of conv weight must be 4: [k, r, s, c]", [](Call& c) { c.weight = {2, 9, 4}; }},
       {"tensor group number invalid", [](Call& c) { c.group = 2; }},
+      {"tensor group number invalid", [](Call& c) { c.group = 0; }},
+      {"tensor group number invalid", [](Call& c) { c.group = 2, c.weight = {3, 3, 3, 2}; }},
       {"k of weight and psum must be same", [](Call& c) { c.psumShape = {1, 2, 2, 3}; }},
       {"wrong size of pad", [](Call& c) { c.pad = {0, 0, 0}; }},
       {"wrong size of stride, dilation", [](Call& c) { c.stride = {1}; }},
@@ -198,6 +200,7 @@ TEST(VelaConvMac, ChecksInOrderWriteNothing) {
       {"wrong size of pad, stride or kernel", [](Call& c) { c.pad = {0}; }},
       {"rank of conv weight must be at lease 3", [](Call& c) { c.weight = {2, 36}; }},
       {"invalid group num", [](Call& c) { c.group = 2; }},
+      {"invalid group num", [](Call& c) { c.group = 0; }},
       {"rank of zigzag conv weight must be 3: [k, t, c]", [](Call& c) { c.weight = {2, 3, 3, 4}; }},
   };
   const std::pair<const char*, Change> sparse[] = {
