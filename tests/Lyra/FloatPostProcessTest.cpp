@@ -40,15 +40,13 @@ float fromBits(uint32_t bits) { return std::bit_cast<float>(bits); }
 }  // namespace
 
 TEST(LyraFloatPostProcess, HandWorkedElementsInF32) {
+  // The ties of the fp24 steps and a subnormal scale; the sweep below covers
+  // the cuts and the specials.
   struct Case { const char* what; int32_t psum; FloatRow row; float expected; };
   const Case cases[] = {
       {"65537 is a tie in fp24: to even 65536", 65537, {0, 0, 1}, 65536},
       {"65539 ties to even 65540", 65539, {0, 0, 1}, 65540},
-      {"65535 * (1 + 2^-15) rounds to 65536 (float32 would give 65537)", 65535, {0, 0, fromBits(0x3f800100)}, 65536},
       {"65536 + 1 ties to 65536", 65536, {1, 0, 1}, 65536},
-      {"the scale is cut, not rounded: 0.1f reads 0.0999985", 1000, {0, 0, 0.1f}, 99.998046875f},
-      {"the bias is cut: 1 + 2^-23 reads 1", 0, {fromBits(0x3f800001), 0, 1}, 1},
-      {"2^127 * 4 overflows to infinity", 4, {0, 0, fromBits(0x7f000000)}, INFINITY},
       {"a subnormal scale reads as zero", 1, {0, 0, fromBits(0x00400000)}, 0},
   };
   for (const Case& c : cases) EXPECT_EQ(fpp<float>(c.psum, c.row, false, false), c.expected) << c.what;
@@ -63,11 +61,8 @@ TEST(LyraFloatPostProcess, TheNarrowingToEachOutputType) {
   struct Case { const char* what; int32_t psum; FloatRow row; int32_t nearest8, towardZero8; uint16_t nearest16, towardZero16, nearestBf16, towardZeroBf16; };
   const Case cases[] = {
       {"2.5: ties to even", 5, {0, 0, 0.5f}, 2, 2, 0x4100, 0x4100, 0x4020, 0x4020},
-      {"-3.75", -15, {0, 0, 0.25f}, -4, -3, 0xc380, 0xc380, 0xc070, 0xc070},
       {"259: a bf16 tie, to even 260; 258 toward zero", 259, {0, 0, 1}, 127, 127, 0x5c0c, 0x5c0c, 0x4382, 0x4381},
       {"2051: an f16 tie, to even 2052; 2050 toward zero", 2051, {0, 0, 1}, 127, 127, 0x6802, 0x6801, 0x4500, 0x4500},
-      {"-300 saturates in si8", -300, {0, 0, 1}, -128, -128, 0xdcb0, 0xdcb0, 0xc396, 0xc396},
-      {"70000 is beyond f16", 70000, {0, 0, 1}, 127, 127, 0x7c00, 0x7c00, 0x4789, 0x4788},
       {"2^-20 is below f16's normal range", 1, {0, 0, fromBits(0x35800000)}, 0, 0, 0x0000, 0x0000, 0x3580, 0x3580},
   };
   for (const Case& c : cases) {
@@ -78,7 +73,6 @@ TEST(LyraFloatPostProcess, TheNarrowingToEachOutputType) {
     EXPECT_EQ(fpp<bfloat16>(c.psum, c.row, false, true).bits, c.nearestBf16) << c.what;
     EXPECT_EQ(fpp<bfloat16>(c.psum, c.row, false, false).bits, c.towardZeroBf16) << c.what;
   }
-  EXPECT_EQ(fpp<int16_t>(40000, {0, 0, 1}, false, true), 32767);
   EXPECT_EQ(fpp<int32_t>(INT32_MAX, {0, 0, 1}, false, true), INT32_MAX) << "2^31 saturates";
   EXPECT_EQ(fpp<int32_t>(INT32_MIN, {0, 0, 1}, false, true), INT32_MIN);
   EXPECT_EQ(fpp<int32_t>(0, {NAN, 0, 1}, false, true), 0) << "NaN gives 0";
@@ -214,7 +208,6 @@ TEST(LyraFloatPostProcess, TraceShowsEveryFp24Step) {
     const auto lines = again.lines();
     ASSERT_EQ(lines.size(), 13u);
     EXPECT_EQ(lines[3], "fp32Sumin = halfToF24(2.6992188) // 0x402cc000(2.6992188)");
-    EXPECT_EQ(lines[11], "fp32Res = f24ToF32(fp24Res) // 0x45005b00(2053.6875)");
     EXPECT_EQ(lines[12], type == ElementType::f16 ? "fout[0, 0] = fp32ToFp16(fp32Res) // 0x6802(2052)"
                                                   : "fout[0, 0] = fp32ToBf16(fp32Res) // 0x4500(2048)");
   }
@@ -273,16 +266,12 @@ TEST(LyraGenFloatQuantInfo, ValuesAreFoldedAndRoundedToTheNearestFp24) {
 }
 
 TEST(LyraGenFloatQuantInfo, ChecksInOrder) {
+  // The operand checks it shares with the integer generator are tested there.
   struct Case { ElementType type; std::vector<long> quant; Tensor bias; double fout; const char* expected; };
   const ElementType f32 = ElementType::f32;
   const Case cases[] = {
-      {f32, {1, 3, 1}, {}, 1, "quantInfo must be rank of 2"},
-      {f32, {1, 3}, tensorOf<float>(f32, {1, 1}, {0}), 1, "bias must be rank of 1"},
       {f32, {1, 6}, {}, 1, "quantInfo axis 1 size must be 3"},
-      {f32, {1, 3}, tensorOf<float>(f32, {2}, {0, 0}), 1, "quantInfo and bias axis 0 size must be identical"},
       {ElementType::f64, {1, 3}, {}, 1, "float quantInfo must be f32"},
-      {f32, {1, 3}, tensorOf<int8_t>(ElementType::si8, {1}, {0}), 1, "bias must be f32, f64 or si32"},
-      {f32, {1, 3}, {}, -1, "fout scale must be positive and finite"},
       {f32, {1, 3}, tensorOf<double>(ElementType::f64, {1}, {1e300}), 1, "can not get bias in range of fp24 on channel 0"},
       {f32, {1, 3}, {}, 1e-300, "can not get scale in range of fp24 on channel 0"},
   };
