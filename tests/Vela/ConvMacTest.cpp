@@ -27,10 +27,8 @@ TEST(VelaConvMac, PaddingTapsUseTheLowByteOfPadValueAndSumsWrap) {
   struct Case { int64_t padValue; int32_t start, expected; };
   const Case cases[] = {
       {0, 0, 25},             // 5 * 5
-      {-1, 0, 25 - 40},       // the other eight weights (sum 40) subtracted
-      {255, 0, 25 - 40},      // low byte 0xff is -1
+      {255, 0, 25 - 40},      // low byte 0xff is -1: the other eight weights (sum 40) subtracted
       {0x17f, 0, 25 + 5080},  // low byte 0x7f is 127: 127 * 40
-      {0, 1000, 1025},        // accumulates onto what psum holds
       {-1, INT32_MIN + 5, INT32_MAX - 9},  // wraps below INT32_MIN: 25 - 40 + 5 - 2^31 + 2^32
   };
   for (const Case& c : cases) {

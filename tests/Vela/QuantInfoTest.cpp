@@ -51,7 +51,6 @@ TEST(VelaQuantInfo, FieldsAtTheEdgesOfTheirRanges) {
       {'B', 3, -1, 0, 0, 0},                 // a negative preRShift is written 0
       {'V', 3, 18, 0, 0, 0},                 // beyond the first generation's [0, 17]
       {'L', 3, 26, 0, 0, 0},
-      {'B', 2, -13, 0, 51u << 16, -13},      // suminRShift: 6-bit two's complement
       {'V', 2, -14, 0, 0, 0},
       {'L', 2, -18, 0, 0, 0},
       {'B', 2, 23, 0, 0, 0},
@@ -296,6 +295,7 @@ TEST(VelaGenQuantInfo, SearchesTheMostPreciseShiftsTheFieldsHold) {
       // 2^12; then 1e-6 * 2^34 = 17179.87 rounds to 17180.
       {'B', 1e-6, 8, 12, 17180, 22, nullptr},
       {'B', 30000, 8, 0, 30000, 0, nullptr},  // fits the scale with no shift at all
+      {'V', std::ldexp(1.0, -40), 8, 17, 256, 31, nullptr},  // both shifts stop at their largest values
       {'V', 40000, 8, 0, 0, 0, "conv post process does not support left shift"},
       {'L', 40000, 8, 0, 32767, 0, "conv post process does not support left shift: -1, adjust to 0"},
       {'L', 0.75, 16, 1, 24576, 14, nullptr},  // t = 15, |acc| <= 43691 needs one pre-shift
