@@ -70,20 +70,16 @@ TEST(VelaConv2d, ByNameEqualsTheReferenceMacThenThePostProcess) {
   Tensor suminHalf = Tensor::create(ElementType::f16, out);
   for (half& v : suminHalf.data<half>()) v = half(std::uniform_real_distribution<float>(-4, 4)(rng));
   const Tensor sumin8 = randomTensor8(out, rng), start = randomTensor32(out, rng, -5000, 5000);
-  auto encoded = [&](const Generation& g) {
-    return tensorOf<int64_t>(ElementType::si64, {6, 2}, encodeRows(g, rows[g.second], false));
-  };
-  using PP = std::function<Status(Tensor&, const Tensor&)>;
+  // The first generation's decoded rows, the second one's encoded words.
+  const Tensor decoded = rowsOf(rows[0]);
+  const Tensor encoded = tensorOf<int64_t>(ElementType::si64, {6, 2}, encodeRows(kLyra, rows[1], false));
   struct Case { const char* name; Tensor quant; int64_t quantForm; Tensor sumin; bool withPsum; ElementType preset;
-                PP pp; };
-  const auto byGen = [&](const Generation& g, bool enc, const Tensor& sumin) -> PP {
-    return [&g, enc, sumin, q = enc ? encoded(g) : rowsOf(rows[g.second])](Tensor& o, const Tensor& acc) {
-      return (enc ? g.ppEncoded : g.pp)(o, acc, q, sumin, true, true, false);
-    };
-  };
+                std::function<Status(Tensor&, const Tensor&)> pp; };
   const Case cases[] = {
-      {"vela::Conv2d", rowsOf(rows[0]), 0, sumin8, false, ElementType::invalid, byGen(kVela, false, sumin8)},
-      {"lyra::Conv2d", encoded(kLyra), 1, sumin8, true, ElementType::invalid, byGen(kLyra, true, sumin8)},
+      {"vela::Conv2d", decoded, 0, sumin8, false, ElementType::invalid,
+       [&](Tensor& o, const Tensor& acc) { return kVela.pp(o, acc, decoded, sumin8, true, true, false); }},
+      {"lyra::Conv2d", encoded, 1, sumin8, true, ElementType::invalid,
+       [&](Tensor& o, const Tensor& acc) { return kLyra.ppEncoded(o, acc, encoded, sumin8, true, true, false); }},
       {"lyra::Conv2dFpp", floatRows, -1, suminHalf, false, ElementType::invalid,
        [&](Tensor& o, const Tensor& acc) { return lyra::intrinsic::TaeConvFPP(o, acc, floatRows, suminHalf, 1, 1, 0); }},
       {"lyra::Conv2dFpp", floatRows, -1, Tensor(), true, ElementType::vbf16,
