@@ -114,7 +114,7 @@ TEST(LyraFloatPostProcess, EveryOutputTypeEqualsTheSoftFloatStepsOnEdgeValues) {
   std::vector<int32_t> mixed = psums;
   for (size_t i = 0; i < mixed.size(); i += 2) mixed[i] = mixed[i] / (1 << 26);
   const Tensor f32Sumin = tensorOf<float>(ElementType::f32, {n, K}, suminValues);
-  const Tensor f16Sumin = convertedTensor(ElementType::f16, {n, K}, suminValues);
+  const Tensor f16Sumin = f32Sumin.cast(ElementType::f16);
   const Tensor quant = floatRowsOf(rows);
 
   for (int withSumin = 0; withSumin < 3; ++withSumin) {

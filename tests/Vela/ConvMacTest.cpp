@@ -124,8 +124,8 @@ TEST(VelaConvMac, SparseRowsApplyToTheirIndexedTaps) {
   const Tensor start = randomTensor32({1, 3, 5, K}, rng, -9999, 9999);
   for (ElementType indexType : {ElementType::si32, ElementType::si64}) {
     Tensor sparse = compactCopy(start), reference = compactCopy(start);
-    ASSERT_TRUE(ConvSparseMac(sparse, fin, weight, convertedTensor(indexType, {K, 4}, index), {R, S}, {1, 1}, -7,
-                              {2, 1}).ok());
+    const Tensor indexTensor = tensorOf<int64_t>(ElementType::si64, {K, 4}, index).cast(indexType);
+    ASSERT_TRUE(ConvSparseMac(sparse, fin, weight, indexTensor, {R, S}, {1, 1}, -7, {2, 1}).ok());
     ASSERT_TRUE(ConvMac(reference, fin, pruned, {1, 1}, -7, {2, 1}, {1, 1}, 1).ok());
     EXPECT_EQ(valuesOf<int32_t>(sparse), valuesOf<int32_t>(reference));
   }

@@ -58,7 +58,7 @@ TEST(VelaPostProcess, SuminIsRescaledAndAddedBeforeReluAndShifts) {
   for (const Case& c : cases)
     for (const Generation* g : kGenerations) {
       if (!runsOn(c.gens, *g)) continue;
-      const Tensor sumin = convertedTensor(c.type, {1, 1}, std::vector<int32_t>{c.sumin});
+      const Tensor sumin = tensorOf<int32_t>(ElementType::si32, {1, 1}, {c.sumin}).cast(c.type);
       EXPECT_EQ(ppOne<int16_t>(*g, 1000, {24, c.scale, c.rshift, 2, 1, 0}, true, false, sumin), c.expected)
           << g->name << ": " << c.what;
     }
@@ -88,7 +88,7 @@ TEST(VelaPostProcess, MatchesTheFloorDivisionReferenceOnDecodedAndEncodedRows) {
         Tensor sumin;
         if (suminType != ElementType::invalid) {
           for (int32_t& v : suminValues) v = int32_t(rng()) >> (rng() % 31);
-          sumin = convertedTensor(suminType, {n, K}, suminValues);
+          sumin = tensorOf<int32_t>(ElementType::si32, {n, K}, suminValues).cast(suminType);
           const auto narrowed = integersOf(sumin);
           suminValues.assign(narrowed.begin(), narrowed.end());
         }

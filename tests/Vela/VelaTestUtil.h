@@ -142,27 +142,7 @@ inline void expectTrace(const std::vector<std::string>& got, const std::vector<s
   for (const std::string& line : lines) EXPECT_NE(std::find(got.begin(), got.end(), line), got.end()) << line;
 }
 
-/// A tensor of `type` holding `values` converted to it.
-template <class V>
-Tensor convertedTensor(ElementType type, std::vector<long> shape, const std::vector<V>& values) {
-  Tensor t = Tensor::create(type, shape);
-  dispatch<TypeList<int8_t, int16_t, int32_t, int64_t, float, half>>(type, [&]<class T>() {
-    for (size_t i = 0; i < values.size(); ++i)
-      if constexpr (std::is_same_v<T, half>)
-        t.data<T>()[i] = half(float(values[i]));
-      else
-        t.data<T>()[i] = T(values[i]);
-  });
-  return t;
-}
-
 /// The elements of an integer tensor as int64.
-inline std::vector<int64_t> integersOf(const Tensor& t) {
-  std::vector<int64_t> out;
-  dispatch<TypeList<int8_t, int16_t, int32_t, int64_t>>(t.elementType(), [&]<class T>() {
-    for (T v : valuesOf<T>(t)) out.push_back(v);
-  });
-  return out;
-}
+inline std::vector<int64_t> integersOf(const Tensor& t) { return valuesOf<int64_t>(t.cast(ElementType::si64)); }
 
 }  // namespace kora::test
