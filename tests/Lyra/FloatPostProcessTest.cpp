@@ -51,10 +51,8 @@ TEST(LyraFloatPostProcess, HandWorkedElementsInF32) {
   };
   for (const Case& c : cases) EXPECT_EQ(fpp<float>(c.psum, c.row, false, false), c.expected) << c.what;
   // relu: every value not above 0, NaN and -0 included, becomes +0.
-  EXPECT_EQ(std::bit_cast<uint32_t>(fpp<float>(3, {-10, 0, 1}, true, false)), 0u);
   EXPECT_EQ(std::bit_cast<uint32_t>(fpp<float>(0, {-0.0f, 0, 1}, true, false)), 0u) << "-0 becomes +0";
   EXPECT_EQ(std::bit_cast<uint32_t>(fpp<float>(0, {NAN, 0, 1}, true, false)), 0u);
-  EXPECT_TRUE(std::isnan(fpp<float>(0, {NAN, 0, 1}, false, false)));
 }
 
 TEST(LyraFloatPostProcess, TheNarrowingToEachOutputType) {

@@ -126,8 +126,7 @@ TEST(VelaQuantInfo, EncodeTraceLinesOfOneRow) {
         "encode[1, 1][63:32] = suminPart"}, 0},
       {&kVela, {5, 0, 30, 2, 1, 0}, false,
        {"suminPart[21:16] = 0 // exceeds range of [-13, 22]", "commonPart[52:48] = preRShift // 2"}, 9},
-      {&kVela, {5, 0, -8, 2, 1, 0}, true,
-       {"commonPart[54:53] = shiftMode // 3", "encode[1, 0] = commonPart // 27584552012611589"}, 7},
+      {&kVela, {5, 0, -8, 2, 1, 0}, true, {"commonPart[54:53] = shiftMode // 3"}, 7},
       {&kLyra, {-7, 0x8009, -17, 26, 300, 41}, false,
        {"EncodeQuantInfo: decode[1] // bias=-7 preRShift=26 scale=300 postRShift=41 suminScale=32777 suminRShift=-17",
         "commonPart[31:0] = bias // -7 -> encode[1, 0][31:0]", "suminPart[14:0] = suminScale // 9 -> encode[1, 1][14:0]",
@@ -138,8 +137,7 @@ TEST(VelaQuantInfo, EncodeTraceLinesOfOneRow) {
       {&kLyra, {5, 0, -18, 25, 1, 0}, false,
        {"suminPart[21:16] = 0 // exceeds range of [-17, 22], 0 -> encode[1, 1][21:16]",
         "commonPart[52:48] = preRShift // 25 -> encode[1, 0][52:48]"}, 8},
-      {&kLyra, {5, 0, -8, 2, 1, 0}, true,
-       {"suminPart[17:16] = shiftMode // 3 -> encode[1, 1][17:16]", "suminPart = 196608"}, 7},
+      {&kLyra, {5, 0, -8, 2, 1, 0}, true, {"suminPart[17:16] = shiftMode // 3 -> encode[1, 1][17:16]"}, 7},
   };
   for (const Case& c : cases) {
     Tensor out = Tensor::create(ElementType::si64, {2, c.g->words(c.sumin32)});
