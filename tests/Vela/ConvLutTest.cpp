@@ -31,23 +31,17 @@ std::vector<int16_t> lut(const std::vector<int16_t>& x, const std::vector<int64_
 
 }  // namespace
 
-TEST(ConvLut, HandWorkedValues) {
-  struct Case { int16_t x; int16_t expected; const char* how; };
-  const Case cases[] = {
-      {-5, -16, "range 0, index -5: select -1, left table[31] is odd: -3904 + (-252 * 5 >> 10) = -3906, >> 8"},
-      {37, -15, "range 1, index 925: left table[32] is even: -3904 + (260 * 925 >> 10) = -3670, >> 8"},
-      {200, -10, "max is inclusive: range 1, index 5000: -2816 + (292 * 904 >> 10) = -2559, >> 8"},
-      {201, -19, "range 2, index -3895: select -4, interp 201: -4864 + (228 * 201 >> 10) = -4820, >> 8"},
-      {-32768, -32, "index -32768: select -32, table[0] = -8000, >> 8"},
-  };
-  for (const Case& c : cases) EXPECT_EQ(lut({c.x}, kRanges)[0], c.expected) << c.how;
-}
-
-TEST(ConvLut, IndexIsASigned17BitNumberThenClamped) {
+TEST(ConvLut, HandWorkedValuesAndTheSigned17BitIndex) {
   // One range everywhere: index = (k x + b) >> s.
   auto one = [](int64_t k, int64_t b, int64_t s) { return std::vector<int64_t>{32767, k, b, s, 32767, k, b, s, 0, k, b, s}; };
   struct Case { int16_t x; std::vector<int64_t> ranges; int16_t expected; const char* how; };
   const Case cases[] = {
+      {-5, kRanges, -16, "range 0, index -5: select -1, left table[31] is odd: -3904 + (-252 * 5 >> 10) = -3906, >> 8"},
+      {37, kRanges, -15, "range 1, index 925: left table[32] is even: -3904 + (260 * 925 >> 10) = -3670, >> 8"},
+      {200, kRanges, -10, "max is inclusive: range 1, index 5000: -2816 + (292 * 904 >> 10) = -2559, >> 8"},
+      {201, kRanges, -19, "range 2, index -3895: select -4, interp 201: -4864 + (228 * 201 >> 10) = -4820, >> 8"},
+      {-32768, kRanges, -32, "index -32768: select -32, table[0] = -8000, >> 8"},
+      // The index is a signed 17-bit number, then clamped to 16 bits.
       {20000, one(2, 0, 0), 32, "40000 fits 17 bits, clamps to 32767: table[63..64] -> 8383 >> 8"},
       {20000, one(4, 0, 0), -32, "80000 sets bit 16: negative, clamps to -32768"},
       {-20000, one(2, 0, 0), -32, "-40000 clamps to -32768"},

@@ -243,8 +243,7 @@ struct GenArgs {
 /// The generator's status, its rows (-99 where nothing was written) and its warnings.
 Status generate(const Generation& g, const GenArgs& a, std::vector<int64_t>& rows,
                 std::vector<std::string>* warnings = nullptr) {
-  Tensor out = filled(ElementType::si64, {a.K, 6}, 0);
-  for (int64_t& v : out.data<int64_t>()) v = -99;
+  Tensor out = tensorOf<int64_t>(ElementType::si64, {a.K, 6}, std::vector<int64_t>(size_t(6 * a.K), -99));
   LogCapture log;
   const Status s = g.gen(out, a.weight, a.bias, a.finScale, a.finZeroPoint, a.weightScale, a.suminScale,
                          a.suminZeroPoint, a.suminBits, a.foutScale, a.foutZeroPoint, a.foutBits);
