@@ -61,8 +61,8 @@ TEST(BinaryBroadcast, EqualsTheKernelOnExpandedOperandsOnEveryLayout) {
       {{3, 1}, {4}, {3, 4}}, {{2, 1, 5}, {3, 1}, {2, 3, 5}}, {{4, 6}, {1, 1}, {4, 6}},
       {{4, 6}, {}, {4, 6}},  {{1}, {2, 3}, {2, 3}},          {{5, 1, 1, 3}, {1, 4, 2, 1}, {5, 4, 2, 3}},
   };
-  const std::pair<const char*, Binary> ops[] = {
-      {"Add", OP(Add)}, {"Sub", OP(Sub)}, {"Div", OP(Div)}, {"Max", OP(Max)}, {"Greater", OP(Greater)}};
+  // Operators that are not symmetric, one per loop.
+  const std::pair<const char*, Binary> ops[] = {{"Sub", OP(Sub)}, {"Greater", OP(Greater)}};
   for (const auto& [ls, rs, shape] : shapes) {
     for (ElementType type : {f32, si16, f16}) {
       const bool integer = type == si16;
@@ -76,15 +76,6 @@ TEST(BinaryBroadcast, EqualsTheKernelOnExpandedOperandsOnEveryLayout) {
       }
     }
   }
-  // Strided operands and outputs, and in place.
-  Tensor lhs = counting(f32, {6, 9}, 0.37, -5.0), rhs = counting(f32, {6, 9}, -0.11, 3.0);
-  const auto expected = resultBits(OP(Mul)(lhs, rhs));
-  for (const auto& [layout, l] : layoutsOf(lhs))
-    EXPECT_EQ(resultBits(OP(Mul)(l, transposedCopy(rhs))), expected) << layout;
-  Tensor out = transposedCopy(Tensor::create(f32, {6, 9})), inPlace = transposedCopy(lhs);
-  ASSERT_TRUE(native::Mul(out, lhs, rhs).ok() && native::Mul(inPlace, inPlace, rhs).ok());
-  EXPECT_EQ(resultBits(out), expected) << "transposed output";
-  EXPECT_EQ(resultBits(inPlace), expected) << "in place";
 }
 
 TEST(BinaryIntegers, DivRemModAndBitShiftAgainstInt64OnEvery8BitPair) {
@@ -121,7 +112,6 @@ TEST(BinaryIntegers, HandWorkedRulesOnEveryWidth) {
       {"si8 add wraps", OP(Add), ints(si8, {127, -128}), ints(si8, {1, -1}), {-128, 127}},
       {"ui8 sub wraps", OP(Sub), ints(ui8, {0, 5}), ints(ui8, {1, 7}), {255, 254}},
       {"si64 mul wraps", OP(Mul), ints(si64, {i64max, i64min}), ints(si64, {2, -1}), {-2, i64min}},
-      {"si16 mul wraps", OP(Mul), ints(si16, {300, -32768}), ints(si16, {300, -1}), {24464, -32768}},
       {"ui64 min", OP(Min), ints(ui64, {-1, 5}), ints(ui64, {1, 6}), {1, 5}},
       {"si32 pow", OP(Pow), ints(si32, {2, 2, -2, 3, 0, -8}), ints(si32, {10, 31, 31, -1, 0, 3}),
        {1024, INT32_MAX, i32min, 0, 1, -512}},
@@ -133,17 +123,14 @@ TEST(BinaryIntegers, HandWorkedRulesOnEveryWidth) {
       // The shift count is taken modulo 64, in both directions.
       {"si64 shift", OP(BitShift), ints(si64, {-256, 1, 3, 5, -1}), ints(si64, {64, -65, i64min, 66, 63}),
        {-256, 2, 3, 1, -1}},
-      {"ui64 shift", OP(BitShift), ints(ui64, {-1, 8}), ints(ui64, {i64min + 1, 64}), {i64max, 8}},
   };
   for (const auto& [what, op, lhs, rhs, out] : cases) EXPECT_EQ(valuesOf<int64_t>(op(lhs, rhs).cast(si64)), out) << what;
 }
 
 TEST(BinaryFloats, IeeeSpecialValuesAndHalfThroughFloat) {
   const std::tuple<const char*, Binary, std::vector<float>, std::vector<float>, std::vector<float>> cases[] = {
-      {"Div", OP(Div), {1, -1, 0, kInf, 7}, {0, 0, 0, kInf, -2}, {kInf, -kInf, kNaN, kNaN, -3.5f}},
       {"Rem truncates", OP(Rem), {5.5f, -5.5f, 5.5f, 1, kInf, 3}, {2, 2, -2, kInf, 1, 0},
        {1.5f, -1.5f, 1.5f, 1, kNaN, kNaN}},
-      {"Mod is Rem", OP(Mod), {5.5f, -5.5f, 5.5f, -7}, {2, 2, -2, 2}, {1.5f, -1.5f, 1.5f, -1}},
       {"Max", OP(Max), {kNaN, 1, -0.0f, 0.0f, -kInf}, {1, kNaN, 0.0f, -0.0f, -3}, {kNaN, kNaN, 0.0f, 0.0f, -3}},
       {"Min", OP(Min), {kNaN, 1, -0.0f, 0.0f, kInf}, {1, kNaN, 0.0f, -0.0f, -3}, {kNaN, kNaN, -0.0f, -0.0f, -3}},
       {"Pow", OP(Pow), {2, -8, 0, 10, 2, -1}, {10, 1.0f / 3, 0, 38.5f, -1075, kInf},
@@ -239,15 +226,13 @@ TEST(BinaryTrace, LinesNameEachOperandsOwnCoordinate) {
       {[&] { return runKernel(native::WhereConfig, native::Where, Tensor(), lhs, rhs, sls); },
        {2, 1}, {"fout[2, 1] = ternary_select(lhs[2, 0], rhs[1], sls[0, 1]) // ternary_select(3, 20, 0) -> 20 "}},
       {[&] { return OP(Mod)(lhs, rhs); }, {3, 0}, {}},  // outside the output
+      {[&] {  // in place: the line shows the original operand
+         Tensor a = ints(si32, {5, 6, 7});
+         EXPECT_TRUE(native::Sub(a, a, ints(si32, {10})).ok());
+         return a;
+       }, {1}, {"fout[1] = sub(lhs[1], rhs[0]) // sub(6, 10) -> -4 "}},
   };
   for (const auto& [run, point, lines] : cases) expectTrace(run, point, lines);
-  // In place: the line shows the original operand.
-  Tensor a = ints(si32, {5, 6, 7});
-  TraceCapture capture;
-  ScopedTracePoint point({1});
-  ASSERT_TRUE(native::Sub(a, a, ints(si32, {10})).ok());
-  EXPECT_EQ(valuesOf<int32_t>(a), (std::vector<int32_t>{-5, -4, -3}));
-  EXPECT_EQ(capture.lines(), std::vector<std::string>{"fout[1] = sub(lhs[1], rhs[0]) // sub(6, 10) -> -4 "});
 }
 
 TEST(BinaryFailures, ExactTextsAndNothingWritten) {

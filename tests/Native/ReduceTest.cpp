@@ -203,19 +203,14 @@ TEST(ReduceMean, EachElementIsScaledBeforeItIsAdded) {
 TEST(ReduceMaxMin, EqualTheElementwiseFoldOnSpecialValues) {
   // ReduceMax folds as native::Max, slice after slice (and ReduceMin as
   // Min): a NaN wins wherever it stands, of two zeros +0 (-0 for Min). Rows
-  // and columns of [5, 12] hold zeros of both signs among values of one sign.
-  std::vector<float> values = spreadValues(5 * 12, 9);
-  for (size_t i = 12; i < 24; ++i) values[i] = std::fabs(values[i]);
-  for (size_t i = 36; i < 48; ++i) values[i] = -std::fabs(values[i]);
-  for (size_t r = 0; r < 5; ++r) values[r * 12 + 1] = r % 2 ? -0.0f : 0.0f, values[r * 12 + 2] = r == 2 ? 0.0f : -0.0f;
-  values[16] = 0.0f, values[17] = -0.0f, values[40] = -0.0f, values[41] = 0.0f;
-  for (size_t i : {0, 7, 33, 59}) values[i] = kNaN;
-  for (size_t i : {30, 57}) values[i] = kInf;
-  for (size_t i : {10, 31}) values[i] = -kInf;
+  // and columns hold zeros of both signs, in both orders, among values of
+  // one sign.
+  const std::vector<float> values = {kNaN, 3, -0.0f, 0.0f, -kInf, 2, 1, 0.0f, -0.0f, 5, kInf, 2,
+                                     -1, -0.0f, 0.0f, -3, -2, -5, -4, 0.0f, -0.0f, kNaN, -1, -2};
   using BinaryFn = Status (*)(Tensor&, Tensor const&, Tensor const&);
   const std::tuple<Reduce, BinaryFn> folds[] = {{OP(ReduceMax), native::Max}, {OP(ReduceMin), native::Min}};
   for (ElementType type : {f32, f16}) {
-    Tensor fin = f32s({5, 12}, values).cast(type);
+    Tensor fin = f32s({4, 6}, values).cast(type);
     for (const auto& [reduce, binary] : folds) {
       for (long axis : {0, 1}) {
         SCOPED_TRACE(std::string(elementTypeName(type)) + " axis " + std::to_string(axis));
@@ -254,12 +249,10 @@ TEST(ReduceArg, FirstExtremeWinsAlongTheOneAxis) {
 
 TEST(ReduceMembers, HandWorkedValuesPerMember) {
   const std::tuple<const char*, Reduce, Tensor, Dims, std::vector<double>> cases[] = {
-      {"prod", OP(ReduceProd), f32s({2, 3}, {1, 2, 3, -1, 0.5f, 4}), {1}, {6, -2}},
       {"prod starts at 1", OP(ReduceProd), Tensor::create(f32, {2, 0}), {1}, {1, 1}},
       {"prod f16 in f32", OP(ReduceProd), f32s({3}, {300, 300, 0.001f}).cast(f16), {0}, {90.0625}},
       {"sumsquare", OP(ReduceSumSquare), f32s({2, 2}, {3, 4, -1, 0.5f}), {1}, {25, 1.25}},
       {"logsum", OP(ReduceLogSum), f32s({2}, {1.5f, 1.0f}), {0}, {double(logf(2.5f))}},
-      {"logsum of zeros", OP(ReduceLogSum), f32s({2}, {0, -0.0f}), {0}, {-kInf}},
       {"all f32", OP(ReduceAll), f32s({3, 2}, {1, kNaN, -0.0f, 2, 5, -5}), {1}, {1, 0, 1}},
       {"all of nothing", OP(ReduceAll), Tensor::create(f32, {0, 2}), {0}, {1, 1}},
       {"all bool8 bytes", OP(ReduceAll), tensorOf<uint8_t>(bool8, {2, 2}, {7, 0, 2, 255}), {1}, {0, 1}},
@@ -377,7 +370,6 @@ TEST(ReduceFailures, ExactTextsAndNothingWritten) {
       {"reduced axis should be 1", CALL(ReduceSum(kept, fin, {1}, true))},
       {"non reduced axis should identical to fin", CALL(ReduceMax(out, fin, {0}, false))},
       {"reduce max fin and fout must be the same", CALL(ReduceMax(out16, fin, {1}, false))},
-      {"reduce min fin and fout must be the same", CALL(ReduceMin(out, h16, {1}, false))},
       {"reduce arg max fout must be integer", CALL(ReduceArgMax(out, fin, {1}, false))},
       {"ReduceArg op can have only one reduced axis", CALL(ReduceArgMin(outS32, fin, {0, 1}, false))},
       {"float reduce sum fin and fout must be the same", CALL(ReduceSum(out16, fin, {1}, false))},
@@ -390,7 +382,6 @@ TEST(ReduceFailures, ExactTextsAndNothingWritten) {
       {"reduce prod fin and fout must have the same type", CALL(ReduceProd(out, s32, {1}, false))},
       {"reduce sumsquare fin and fout must be high-precision numeric tensors (i.e. float, half, int32 and int64)",
        CALL(ReduceSumSquare(out, bf, {1}, false))},
-      {"reduce sumsquare fin and fout must have the same type", CALL(ReduceSumSquare(out16, fin, {1}, false))},
       {"tensor.all fin should be in [si8, si16, s32, s64, float32, float16, bool]",
        CALL(ReduceAll(outBool, u8, {1}, false))},
       {"reduced axis 1 is empty", CALL(ReduceMax(out, none, {1}, false))},
