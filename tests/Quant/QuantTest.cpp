@@ -2,6 +2,7 @@
 // the binary32 steps, and the exact failure texts.
 #include <gtest/gtest.h>
 
+#include <bit>
 #include <cfenv>
 #include <cmath>
 #include <functional>
@@ -21,36 +22,40 @@ constexpr float kInf = std::numeric_limits<float>::infinity();
 constexpr int64_t kI64Max = std::numeric_limits<int64_t>::max(), kI64Min = std::numeric_limits<int64_t>::min();
 constexpr ElementType f32 = ElementType::f32, si8 = ElementType::si8, si16 = ElementType::si16;
 
-/// Quantizes the f32 values `x` into `type` and returns the outputs as int64.
+/// Quantizes the f32 values `x` into `type` (full range) and returns the outputs as int64.
 std::vector<int64_t> quantized(const std::vector<float>& x, ElementType type, std::vector<double> scale,
-                               std::vector<int64_t> zero, bool narrow, bool halfEven) {
+                               std::vector<int64_t> zero, bool halfEven) {
   Tensor out = Tensor::create(type, {long(x.size())});
-  EXPECT_EQ(quant::Qcast(out, tensorOf<float>(f32, {long(x.size())}, x), scale, zero, false, 0, narrow, halfEven).message(), "");
+  EXPECT_EQ(quant::Qcast(out, tensorOf<float>(f32, {long(x.size())}, x), scale, zero, false, 0, false, halfEven).message(), "");
   return valuesOf<int64_t>(out.cast(ElementType::si64));
+}
+
+/// The floats' bits, every NaN as one quiet NaN.
+std::vector<uint32_t> floatKeys(const std::vector<float>& v) {
+  std::vector<uint32_t> bits;
+  for (float f : v) bits.push_back(std::isnan(f) ? 0x7fc00000u : std::bit_cast<uint32_t>(f));
+  return bits;
 }
 
 }  // namespace
 
 TEST(Quantize, HandWorkedTiesAndBounds) {
-  struct Case { float x; double scale; int64_t zero; ElementType type; bool narrow; int64_t halfEven, halfUp; };
-  const ElementType si32 = ElementType::si32, si64 = ElementType::si64;
+  // The ties of both rules, and the f32 steps the random sweep below is
+  // unlikely to meet.
+  struct Case { float x; double scale; int64_t zero; ElementType type; int64_t halfEven, halfUp; };
+  const ElementType si32 = ElementType::si32;
   const Case cases[] = {
-      {2.5f, 1, 0, si8, false, 2, 3}, {-2.5f, 1, 0, si8, false, -2, -2}, {-3.5f, 1, 0, si8, false, -4, -3},
-      {0.5f, 1, 1, si8, false, 2, 2},  // the zero point is added before rounding: a tie at 1.5
-      {0.49999997f, 1, 0, si8, false, 0, 1},  // 0.49999997 + 0.5 rounds up to 1 in f32
-      {8388609.0f, 1, 0, si32, false, 8388609, 8388610},  // 8388609 + 0.5 rounds to the even 8388610
-      {0.5f, 1, 16777217, si32, false, 16777216, 16777216},  // the zero point is rounded to f32 first
+      {2.5f, 1, 0, si8, 2, 3}, {-2.5f, 1, 0, si8, -2, -2},
+      {0.49999997f, 1, 0, si8, 0, 1},  // 0.49999997 + 0.5 rounds up to 1 in f32
+      {0.5f, 1, 16777217, si32, 16777216, 16777216},  // the zero point is rounded to f32 first
       // 0.35f / f32(0.1) is the f32 tie 3.5 (exactly 3.49999994), and 3.5 + 2^23 the f32 tie 8388611.5: summed in
       // f32 it rounds to 8388612, where one binary64 sum rounded once would give 8388611.
-      {0.35f, 0.1, 8388608, si32, false, 8388612, 8388612},
-      {-200.0f, 1, 0, si8, true, -127, -127}, {-3.0f, 1, 0, ElementType::ui8, true, 1, 1},
-      {-1.0f, -0.0, 0, si8, true, 127, 127},  // -1 / -0 is +inf
-      {0.0f, 1, kI64Max, si64, false, kI64Max, kI64Max},  // f32(INT64_MAX) is 2^63, whose conversion saturates
+      {0.35f, 0.1, 8388608, si32, 8388612, 8388612},
   };
   for (const Case& c : cases)
     for (bool even : {true, false})
-      EXPECT_EQ(quantized({c.x}, c.type, {c.scale}, {c.zero}, c.narrow, even), std::vector<int64_t>{even ? c.halfEven : c.halfUp})
-          << c.x << " / " << c.scale << " + " << c.zero << " -> " << c.type << (c.narrow ? " narrow" : " full");
+      EXPECT_EQ(quantized({c.x}, c.type, {c.scale}, {c.zero}, even), std::vector<int64_t>{even ? c.halfEven : c.halfUp})
+          << c.x << " / " << c.scale << " + " << c.zero << " -> " << c.type;
 }
 
 TEST(Quantize, MatchesABinary64EmulationOfTheSteps) {
@@ -60,7 +65,8 @@ TEST(Quantize, MatchesABinary64EmulationOfTheSteps) {
   // shares no code with the kernel's rounding. Random scales and inputs, near
   // ties, both ranges of every width, and the special values: zero, infinite
   // and NaN scales give infinities (saturated to the bound of their sign) and
-  // NaN (0).
+  // NaN (0). Each result is dequantized again, (f32(q) - z) * s, and the
+  // signed 8-, 16- and 32-bit cases are fake-quantized to the same values.
   std::mt19937 rng(11);
   std::uniform_real_distribution<double> logMagnitude(-6, 12);
   std::uniform_int_distribution<int64_t> zeroDraw(-300, 300);
@@ -76,6 +82,7 @@ TEST(Quantize, MatchesABinary64EmulationOfTheSteps) {
     for (int k = 0; k < 20; ++k) x[size_t(k)] = float(scale) * (float(k) - 10.0f + 0.5f);  // near ties
     for (float v : {0.0f, -0.0f, kInf, -kInf, float(NAN), 1e-45f, 3e38f, -3e9f, 1e19f, -1e19f}) x.push_back(v);
     const float s = float(scale), z = float(zero);
+    const Tensor in = tensorOf<float>(f32, {long(x.size())}, x);
     for (ElementType type : types) {
       for (int mode = 0; mode < 4; ++mode) {
         const bool narrow = mode & 1, halfEven = mode & 2;
@@ -83,14 +90,24 @@ TEST(Quantize, MatchesABinary64EmulationOfTheSteps) {
           const int64_t lo = int64_t(std::numeric_limits<T>::min()) + (narrow ? 1 : 0);
           const int64_t hi = int64_t(std::numeric_limits<T>::max());
           std::vector<int64_t> expected;
+          std::vector<float> back;
           for (float xi : x) {
             const float v = float(double(float(double(xi) / double(s))) + double(z));
             const double r = halfEven ? std::nearbyint(double(v)) : std::floor(double(float(double(v) + 0.5)));
             const int64_t q = std::isnan(r) ? 0 : r >= 0x1p63 ? kI64Max : r < -0x1p63 ? kI64Min : int64_t(r);
             expected.push_back(std::clamp(q, lo, hi));
+            back.push_back(float(double(float(double(float(expected.back())) - double(z))) * double(s)));
           }
-          ASSERT_EQ(quantized(x, type, {scale}, {zero}, narrow, halfEven), expected)
+          Tensor q = Tensor::create(type, {long(x.size())}), y = Tensor::create(f32, {long(x.size())});
+          ASSERT_TRUE(quant::Qcast(q, in, {scale}, {zero}, false, 0, narrow, halfEven).ok());
+          ASSERT_EQ(valuesOf<int64_t>(q.cast(ElementType::si64)), expected)
               << "scale " << scale << " zero " << zero << " " << type << " mode " << mode;
+          ASSERT_TRUE(quant::Dcast(y, q, {scale}, {zero}, false, 0).ok());
+          ASSERT_EQ(floatKeys(valuesOf<float>(y)), floatKeys(back)) << "dequantized " << type;
+          if (std::is_signed_v<T> && sizeof(T) <= 4) {
+            ASSERT_TRUE(quant::FakeQuant(y, in, {scale}, {zero}, false, 0, narrow, long(8 * sizeof(T)), true, halfEven).ok());
+            ASSERT_EQ(floatKeys(valuesOf<float>(y)), floatKeys(back)) << "fake " << type;
+          }
         });
       }
     }
@@ -119,8 +136,8 @@ TEST(Quantize, ScaleIndexingPerTensorInnermostAndOuterAxis) {
   }
 }
 
-TEST(Quantize, HalfAndOtherFloatInputs) {
-  // f16 1.5, 2.5 (tie), -0.33325195, 65504, -inf; vbf16 and f64 go through f32.
+TEST(Quant, OtherFloatTypes) {
+  // Inputs: f16 1.5, 2.5 (tie), -0.33325195, 65504, -inf; vbf16 and f64 go through f32.
   Tensor h = tensorOf<uint16_t>(ElementType::f16, {5}, {0x3e00, 0x4100, 0xb555, 0x7bff, 0xfc00});
   Tensor out = Tensor::create(si16, {5});
   ASSERT_TRUE(quant::Qcast(out, h, {0.25}, {0}, false, 0, false, true).ok());
@@ -133,52 +150,19 @@ TEST(Quantize, HalfAndOtherFloatInputs) {
   Tensor one = Tensor::create(ElementType::ui8, {1});
   ASSERT_TRUE(quant::Quantize(one, tensorOf<double>(ElementType::f64, {1}, {2.5000001}), {1}, {0}, false, 0, false).ok());
   EXPECT_EQ(valuesOf<uint8_t>(one), std::vector<uint8_t>{2});
-}
-
-TEST(Dequantize, SubtractThenMultiplyInSinglePrecision) {
-  const std::tuple<ElementType, int64_t, int64_t, double, float> cases[] = {
-      {si8, 3, 0, 0.1, 0.3f},  // 3 * 0.1f = 0.30000000447 rounds to 0.3f
-      {si16, 7, 10, 2.0, -6.0f},
-      {ElementType::si32, INT32_MAX, 0, 1.0, 2147483648.0f},  // f32(q) rounds
-      {ElementType::si32, 16777217, 16777216, 1.0, 0.0f},      // 16777217 - 16777216 after both round
-      {ElementType::si64, kI64Min, 0, 1.0, -0x1p63f},
-      {ElementType::ui32, 4294967295, 0, 1.0, 4294967296.0f},
-      {si8, 5, 0, double(kInf), kInf},
-  };
-  for (const auto& [type, q, zero, scale, expected] : cases) {
-    Tensor in = tensorOf<int64_t>(ElementType::si64, {}, {q}).cast(type), out = Tensor::create(f32, {});
-    ASSERT_TRUE(quant::Dcast(out, in, {scale}, {zero}, true, 3).ok());
-    EXPECT_EQ(out.at<float>({}), expected) << type << " " << q;
-  }
-  // f16 outputs round to nearest even, f64 outputs hold the f32 result.
+  // Outputs: f16 rounds to nearest even, f64 holds the f32 result.
   Tensor q = tensorOf<int8_t>(si8, {3}, {1, 100, -1});
-  Tensor h = Tensor::create(ElementType::f16, {3}), d = Tensor::create(ElementType::f64, {3});
-  ASSERT_TRUE(quant::Dequantize(h, q, {1.0 / 3}, {0}, false, 0).ok());
-  EXPECT_EQ(bitsOf<half>(h), (std::vector<uint16_t>{0x3555, 0x502b, 0xb555}));
+  Tensor h16 = Tensor::create(ElementType::f16, {3}), d = Tensor::create(ElementType::f64, {3});
+  ASSERT_TRUE(quant::Dequantize(h16, q, {1.0 / 3}, {0}, false, 0).ok());
+  EXPECT_EQ(bitsOf<half>(h16), (std::vector<uint16_t>{0x3555, 0x502b, 0xb555}));
   ASSERT_TRUE(quant::Dequantize(d, q, {0.1}, {0}, false, 0).ok());
   EXPECT_EQ(valuesOf<double>(d), (std::vector<double>{double(0.1f), double(10.0f), double(-0.1f)}));
 }
 
-TEST(FakeQuant, QuantizesToTheBitWidthAndBack) {
-  Tensor in = tensorOf<float>(f32, {6}, {0.34f, 0.35f, -20.0f, 20.0f, NAN, 0.25f});
-  // The integers each input becomes (0.35 / 0.1 and 0.25 / 0.1 are f32
-  // ties); the output is their dequantization q * 0.1f.
-  const std::tuple<int64_t, bool, bool, std::vector<int>> cases[] = {
-      {8, false, true, {3, 4, -128, 127, 0, 2}},
-      {8, true, false, {3, 4, -127, 127, 0, 3}},
-      {16, false, true, {3, 4, -200, 200, 0, 2}},
-      {32, true, true, {3, 4, -200, 200, 0, 2}},
-  };
-  for (const auto& [bits, narrow, halfEven, qs] : cases) {
-    Tensor out = Tensor::create(f32, {6});
-    ASSERT_TRUE(quant::FakeQuant(out, in, {0.1}, {0}, false, 0, narrow, bits, true, halfEven).ok());
-    std::vector<float> expected;
-    for (int q : qs) expected.push_back(float(q) * 0.1f);
-    EXPECT_EQ(valuesOf<float>(out), expected) << bits << " bits";
-  }
-  // f16 in place, per axis: 0.3 (f16 0.30004883) over 0.1 is 3, and 3 * 0.1f
-  // narrows to the f16 0x34cd again; 1.5 over 1 plus zero point 2 is the tie
-  // 3.5 -> 4, which dequantizes to (4 - 2) * 1 = 2.
+TEST(FakeQuant, HalfInPlacePerAxis) {
+  // 0.3 (f16 0.30004883) over 0.1 is 3, and 3 * 0.1f narrows to the f16
+  // 0x34cd again; 1.5 over 1 plus zero point 2 is the tie 3.5 -> 4, which
+  // dequantizes to (4 - 2) * 1 = 2.
   Tensor h = tensorOf<uint16_t>(ElementType::f16, {2}, {0x34cd, 0x3e00});
   ASSERT_TRUE(quant::FakeQuant(h, h, {0.1, 1.0}, {0, 2}, true, 0).ok());
   EXPECT_EQ(bitsOf<half>(h), (std::vector<uint16_t>{0x34cd, 0x4000}));
@@ -213,13 +197,10 @@ TEST(Quant, ComputingKernelsLeaveRoundToNearest) {
 }
 
 TEST(Quant, TraceLinesAtRankZeroAndOfTheTracedElement) {
-  // Rank 0: per axis, a rank-0 tensor has extent 1 on any axis; any trace
-  // point of zeros selects its one element.
+  // Rank 0: per axis, a rank-0 tensor has extent 1 on any axis (axis 4
+  // included); any trace point of zeros selects its one element.
   Tensor x0 = tensorOf<float>(f32, {}, {2.5f});
   Tensor q0 = Tensor::create(si8, {});
-  ASSERT_TRUE(quant::Qcast(q0, x0, {0.5}, {1}, true, 4, false, false).ok());
-  EXPECT_EQ(q0.at<int8_t>({}), 6);
-  EXPECT_EQ(quant::Quantize(q0, x0, {0.5, 1}, {1, 1}, true, 0, false).message(), "Scale number must be 1 of fout axis 0");
   const std::vector<std::string> rankZeroLines = {
       "fout(0-rank) 5 = quantize(fin(0-rank) 2.5,  scale 0.5, zero 0)",
       "fout(0-rank) 2.5 = dequantize(fin(0-rank) 5,  scale 0.5, zero 0)",
@@ -232,15 +213,13 @@ TEST(Quant, TraceLinesAtRankZeroAndOfTheTracedElement) {
     ASSERT_TRUE(quant::Dequantize(y, q, {0.1, 0.5, 1}, {0, 0, 3}, true, 1).ok());
     ASSERT_TRUE(quant::FakeQuant(f, x, {0.1}, {0}).ok());
     Tensor y0 = Tensor::create(ElementType::f16, {});
-    ASSERT_TRUE(quant::Quantize(q0, x0, {0.5}, {0}, false, 0, false).ok());
+    ASSERT_TRUE(quant::Quantize(q0, x0, {0.5}, {0}, true, 4, false).ok());
     ASSERT_TRUE(quant::Dcast(y0, q0, {0.5}, {0}, false, 0).ok());
     // 2.5 / 5 = 0.5 rounds half up to 1, which dequantizes to 5.
     ASSERT_TRUE(quant::FakeQuant(y0, y0, {5}, {0}, true, -1, true, 16, true, false).ok());
-    EXPECT_EQ(y0.at<half>({}).toFloat(), 5.0f);
   };
   runAll();
   const auto quantUntraced = valuesOf<int8_t>(q);
-  const auto dequantUntraced = bitsOf<float>(y), fakeUntraced = bitsOf<float>(f);
   const std::pair<std::vector<long>, std::vector<std::string>> cases[] = {
       {{1, 1},
        {"fout[1, 1] -5 = quantize(fin[1, 1] -2.5,  scale 0.5, zero 0)",
@@ -254,8 +233,6 @@ TEST(Quant, TraceLinesAtRankZeroAndOfTheTracedElement) {
     runAll();
     EXPECT_EQ(capture.lines(), lines);
     EXPECT_EQ(valuesOf<int8_t>(q), quantUntraced);
-    EXPECT_EQ(bitsOf<float>(y), dequantUntraced);
-    EXPECT_EQ(bitsOf<float>(f), fakeUntraced);
   }
 }
 
@@ -277,6 +254,7 @@ TEST(Quant, FailuresInOrderWriteNothing) {
       {0, fresh(si8, {2, 3}), x23, {{1, 2}, {0}, true, 5}, "Scale and zero point size mismatch"},
       {0, fresh(si8, {2, 3}), x23, {{1, 2}, {0, 0}, true, -1}, "Scale number must be 3 of fout axis -1"},
       {0, fresh(si8, {2, 3}), x23, {{1, 2, 3}, {0, 0, 0}, true, 0}, "Scale number must be 2 of fout axis 0"},
+      {0, fresh(si8, {}), tensorOf<float>(f32, {}, {1}), {{1, 2}, {0, 0}, true, 0}, "Scale number must be 1 of fout axis 0"},
       {0, fresh(si8, {2, 3}), x23, {{1}, {0}, true, 2}, "Invalid axis 2 for fout of rank 2"},
       {0, fresh(ElementType::ui64, {2, 3}), x23, {{1, 2}, {0, 0}}, "Scale number must be 1 in per tensor mode"},
       {0, fresh(ElementType::ui64, {2, 3}), x23.view(ElementType::tf32), {}, "fin type tf32 is not supported"},
@@ -287,7 +265,6 @@ TEST(Quant, FailuresInOrderWriteNothing) {
       {1, Tensor(ElementType::vf32, {2, 3}), q23, {}, "fout type vf32 is not supported"},
       {2, fresh(f32, {2, 3}), x23, {}, "fin must be integral"},
       {2, Tensor(f32, {2, 3}), q23, {}, "fout must hold data"},
-      {3, fresh(f32, {3, 2}), q23, {}, "Invalid tensor shape, input and output must have same shape"},
       {3, fresh(ElementType::f16, {2, 3}), x23, {{1, 2}}, "fin and fout must have same type"},
       {3, fresh(f32, {2, 3}), x23, {}, "Only supports signed fake quant", 7, false},
       {3, fresh(f32, {2, 3}), x23, {}, "Only accepts bit width among 8,16,32", 64},
@@ -308,15 +285,7 @@ TEST(Quant, FailuresInOrderWriteNothing) {
   }
 }
 
-TEST(Quant, ByNameWithRegisteredDefaults) {
-  // A round trip by name, with typed outputs.
-  Tensor fin = tensorOf<float>(f32, {2, 2}, {-1.0f, 0.26f, 0.74f, 40.0f});
-  const std::vector<double> scales = {0.25, 0.5};
-  std::vector<Tensor> q = {Tensor(si8, {2, 2})}, back = {Tensor(f32, {2, 2})};
-  ASSERT_TRUE(invoke("quant::qcast", q, {fin, scales, std::vector<int64_t>{0, 0}, true, 1, true, false}).ok());
-  EXPECT_EQ(valuesOf<int8_t>(q[0]), (std::vector<int8_t>{-4, 1, 3, 80}));
-  ASSERT_TRUE(invoke("quant::dcast", back, {q[0], scales, std::vector<int64_t>{0, 0}, true, 1}).ok());
-  EXPECT_EQ(valuesOf<float>(back[0]), (std::vector<float>{-1.0f, 0.5f, 0.75f, 40.0f}));
+TEST(Quant, FakeQuantByNameWithRegisteredDefaults) {
   // fakequant's registered defaults are FakeQuant's declared ones: 1.5 and
   // 2.5 are ties to even, -399 clamps to -128 (full 8-bit range), and per
   // axis the default axis is -1.
