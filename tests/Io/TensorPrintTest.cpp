@@ -14,13 +14,11 @@ TEST(TensorPrint, ValuesInTheFewestDigitsOfTheirOwnType) {
       {double(float(0.1f)), ElementType::f32, "0.1"},
       {double(float(0.1f)), ElementType::f64, "0.10000000149011612"},
       {double(halfBitsToFloat(0x2e66)), ElementType::f16, "0.1"},  // the f16 nearest 0.1
-      {double(halfBitsToFloat(0x0001)), ElementType::f16, "6e-08"},  // smallest subnormal
       {double(bf16BitsToFloat(0x3dcd)), ElementType::vbf16, "0.1"},
       {65504.0, ElementType::f16, "65504."},
       {-0.0, ElementType::f32, "-0."},
       {1e20, ElementType::f32, "1e+20"},
       {-INFINITY, ElementType::f16, "-inf"},
-      {-128, ElementType::si8, "-128"},
       {4294967295.0, ElementType::ui32, "4294967295"},
       {1.0, ElementType::bool8, "True"},
   };

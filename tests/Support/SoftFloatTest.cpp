@@ -1,8 +1,9 @@
 // The soft-float formats: hand-worked rows for the hardware's documented
-// choices (ties, flushing, NaNs, overflow), every fp24 pattern against a
-// decoding by ldexp, and fp24ToInt over every fp24 pattern against libm.
-// The sweeps against a multiple-precision oracle (every fp16/bf16 pattern in
-// every direction, fp24 arithmetic, int32 to fp24) live in tests/oracle.
+// choices (flushing, NaNs, overflow, the float32 to fp16 ties), every fp24
+// pattern against a decoding by ldexp, and fp24ToInt over every fp24 pattern
+// against libm. The sweeps against a multiple-precision oracle (every
+// fp16/bf16 pattern in every direction, fp24 arithmetic with constructed
+// ties, int32 to fp24) live in tests/oracle and own the other ties.
 #include <gtest/gtest.h>
 
 #include <cmath>
@@ -40,7 +41,6 @@ TEST(SoftFloat, ConversionsKeepTheHardwaresRules) {
       {0xc788b800, kFloat32, kFp16, 0xfc00, 0xfc00, 0xfc00, 0xfc00, "-70000 is -infinity in every direction"},
       {0x38000000, kFloat32, kFp16, 0, 0, 0, 0, "2^-15 is flushed, even upward"},
       {0xb87ff000, kFloat32, kFp16, 0x8400, 0x8000, 0x8000, 0x8400, "rounding to the smallest normal is not flushed"},
-      {0x3c0c, kFp16, kBf16, 0x3f82, 0x3f81, 0x3f82, 0x3f81, "1 + 3 * 2^-8: tie to even"},
       {0xbf8000ff, kFloat32, kFp24, 0xbf8000, 0xbf8000, 0xbf8000, 0xbf8000, "float32 to fp24 truncates always"},
       {0x000001, kFp24, kFloat32, 0x100, 0x100, 0x100, 0x100, "fp24 to float32 keeps a subnormal pattern"},
       {0x000001, kFp24, kFp24, 0, 0, 0, 0, "... which a rounding conversion flushes"},
@@ -77,8 +77,6 @@ TEST(SoftFloat, Fp24ArithmeticKeepsTheHardwaresRules) {
   enum Op { Add, Mul };
   struct Case { Op op; uint32_t a, b, expected; const char* what; };
   const Case cases[] = {
-      {Mul, 0x3f8080, 0x3f8080, 0x3f8100, "(1 + 2^-8)^2: the tie 2^-16 goes to even"},
-      {Mul, 0x3f8280, 0x3f8280, 0x3f850c, "(1 + 5 * 2^-8)^2: 1280 + 12.5 units ties to 1292"},
       {Mul, 0xff0000, 0x400000, 0xff8000, "-2^127 * 2 overflows to -infinity"},
       {Mul, 0x808000, 0x3f0000, 0x800000, "-2^-126 * 0.5 is flushed to -0"},
       {Mul, 0x3f8000, 0x004000, 0x000000, "a subnormal operand reads as zero"},
@@ -86,8 +84,6 @@ TEST(SoftFloat, Fp24ArithmeticKeepsTheHardwaresRules) {
       {Mul, 0x7fa000, 0x3f8000, 0x7fe000, "a signalling NaN comes out quiet, payload kept"},
       {Mul, 0x3f8000, 0xffc123, 0xffc123, "a NaN keeps its sign"},
       {Mul, 0x7f8001, 0xff8002, 0x7fc001, "of two NaNs the first wins"},
-      {Add, 0x3f8001, 0x378000, 0x3f8002, "(1 + 2^-15) + 2^-16: the tie goes to even"},
-      {Add, 0x3f8000, 0xb70000, 0x3f8000, "1 - 2^-17: the tie goes to the even 1"},
       {Add, 0x3fc000, 0xbfc000, 0x000000, "x - x = +0"},
       {Add, 0x800000, 0x800000, 0x800000, "-0 + -0 = -0"},
       {Add, 0x800001, 0x000000, 0x000000, "a negative subnormal reads as -0, and -0 + 0 = +0"},
