@@ -1,6 +1,7 @@
-// Quant info of both generations: packing against hand-assembled words, the
-// edges of every field, round trips over every valid value, trace lines and
-// checks; and the generators' searches against hand-worked scales.
+// Quant info of both generations: packing against hand-assembled words
+// (fields beyond their ranges included), round trips over every valid value,
+// trace lines and checks; and the generators' searches against hand-worked
+// scales.
 #include <gtest/gtest.h>
 
 #include <cmath>
@@ -36,37 +37,14 @@ TEST(VelaQuantInfo, PacksEveryFieldInEachLayout) {
                                                                   word(base | 3ull << 53)}));
   EXPECT_EQ(encodeRows(kLyra, modes, true), (std::vector<int64_t>{word(base), word(2u << 16), word(base), 0, word(base),
                                                                   word(3u << 16)}));
-  // The unused mode 1 decodes as no shift; the 32-bit form reads no suminScale.
+  // The unused mode 1 decodes as no shift.
   EXPECT_EQ(decodeWords(kVela, {word(1ull << 53 | 0x7fffull << 32)}, true), (std::vector<int64_t>{0, 0, 0, 0, 32767, 0}));
-  EXPECT_EQ(decodeWords(kLyra, {0, word(1u << 16 | 0x7fff)}, true), (std::vector<int64_t>{0, 0, 0, 0, 0, 0}));
-}
-
-TEST(VelaQuantInfo, FieldsAtTheEdgesOfTheirRanges) {
-  // gens: 'B' both, 'V' the first, 'L' the second; the bits the encoder stores, the value decoding gives back.
-  struct Case { char gens; unsigned position; int64_t value; uint64_t commonBits, suminBits; int64_t decoded; };
-  const Case cases[] = {
-      {'B', 4, 0x18003, 3ull << 32, 0, 3},  // scale: low 15 bits
-      {'B', 1, 0x8005, 0, 5, 5},            // suminScale: low 15 bits
-      {'B', 0, (int64_t(1) << 32) + 7, 7, 0, 7},  // bias: low 32 bits
-      {'B', 3, -1, 0, 0, 0},                 // a negative preRShift is written 0
-      {'V', 3, 18, 0, 0, 0},                 // beyond the first generation's [0, 17]
-      {'L', 3, 26, 0, 0, 0},
-      {'V', 2, -14, 0, 0, 0},
-      {'L', 2, -18, 0, 0, 0},
-      {'B', 2, 23, 0, 0, 0},
-      {'V', 5, 33, 1ull << 56, 0, 1},        // first: postRShift keeps 5 bits
-      {'L', 5, 41, 41ull << 56, 0, 0},       // second: 6 bits stored as given, above 40 decoded as 0
-      {'L', 5, 64, 0, 0, 0},
-  };
-  for (const Case& c : cases)
-    for (const Generation* g : kGenerations) {
-      if (!runsOn(c.gens, *g)) continue;
-      Row row{};
-      row[c.position] = c.value;
-      const auto words = encodeRows(*g, {row}, false);
-      EXPECT_EQ(words, (std::vector<int64_t>{word(c.commonBits), word(c.suminBits)})) << g->name << " " << c.value;
-      EXPECT_EQ(decodeWords(*g, words, false)[c.position], c.decoded) << g->name << " " << c.value;
-    }
+  // Beyond their widths or ranges: bias and the scales keep their low bits,
+  // suminRShift 23 and preRShift 26 are written 0; postRShift keeps 5 bits
+  // in the first generation, and the second stores its 6 bits as given.
+  const Row beyond = {(int64_t(1) << 32) + 7, 0x18005, 23, 26, 0x18003, 41};
+  EXPECT_EQ(encodeRows(kVela, {beyond}, false), (std::vector<int64_t>{word(7 | 3ull << 32 | 9ull << 56), 5}));
+  EXPECT_EQ(encodeRows(kLyra, {beyond}, false), (std::vector<int64_t>{word(7 | 3ull << 32 | 41ull << 56), 5}));
 }
 
 TEST(VelaQuantInfo, RoundTripsEveryValidValueAndDecodesTheRestAsZero) {
@@ -109,13 +87,10 @@ TEST(VelaQuantInfo, ChannelBaseLetsASliceOfTheFirstGenerationsTableDecode) {
   Tensor out = Tensor::create(ElementType::si64, {2, 6});
   ASSERT_TRUE(vela::intrinsic::DecodeQuantInfo(out, tail, 1).ok());
   EXPECT_EQ(valuesOf<int64_t>(out), (std::vector<int64_t>{2, 200, -3, 4, 5, 6, 3, 300, 4, 5, 6, 7}));
-  // With the wrong base each row reads the empty half of its second word.
-  ASSERT_TRUE(vela::intrinsic::DecodeQuantInfo(out, tail, 0).ok());
-  EXPECT_EQ(valuesOf<int64_t>(out), (std::vector<int64_t>{2, 0, 0, 4, 5, 6, 3, 0, 0, 5, 6, 7}));
 }
 
 TEST(VelaQuantInfo, EncodeTraceLinesOfOneRow) {
-  // count 0: every line; otherwise only the lines a branch changes.
+  // count 0: every line; otherwise only the lines an out-of-range field changes.
   struct Case { const Generation* g; Row row; bool sumin32; std::vector<std::string> lines; size_t count; };
   const Case cases[] = {
       {&kVela, {-7, 0x8009, -1, 18, 300, 7}, false,
@@ -126,7 +101,6 @@ TEST(VelaQuantInfo, EncodeTraceLinesOfOneRow) {
         "encode[1, 1][63:32] = suminPart"}, 0},
       {&kVela, {5, 0, 30, 2, 1, 0}, false,
        {"suminPart[21:16] = 0 // exceeds range of [-13, 22]", "commonPart[52:48] = preRShift // 2"}, 9},
-      {&kVela, {5, 0, -8, 2, 1, 0}, true, {"commonPart[54:53] = shiftMode // 3"}, 7},
       {&kLyra, {-7, 0x8009, -17, 26, 300, 41}, false,
        {"EncodeQuantInfo: decode[1] // bias=-7 preRShift=26 scale=300 postRShift=41 suminScale=32777 suminRShift=-17",
         "commonPart[31:0] = bias // -7 -> encode[1, 0][31:0]", "suminPart[14:0] = suminScale // 9 -> encode[1, 1][14:0]",
@@ -137,7 +111,6 @@ TEST(VelaQuantInfo, EncodeTraceLinesOfOneRow) {
       {&kLyra, {5, 0, -18, 25, 1, 0}, false,
        {"suminPart[21:16] = 0 // exceeds range of [-17, 22], 0 -> encode[1, 1][21:16]",
         "commonPart[52:48] = preRShift // 25 -> encode[1, 0][52:48]"}, 8},
-      {&kLyra, {5, 0, -8, 2, 1, 0}, true, {"suminPart[17:16] = shiftMode // 3 -> encode[1, 1][17:16]"}, 7},
   };
   for (const Case& c : cases) {
     Tensor out = Tensor::create(ElementType::si64, {2, c.g->words(c.sumin32)});
@@ -162,7 +135,6 @@ TEST(VelaQuantInfo, DecodeTraceLinesOfOneRow) {
       {&kVela, {word(0x1e0000ull), word(40u << 16)}, false,
        {"suminPart = quantInfo[0, 1][31:0] // 2621440", "suminRShift = 0 // exceeds [-13,22] range",
         "preRShift = commonPart[52:48] // 0"}, 9},
-      {&kVela, {word(2ull << 53 | 3ull << 48)}, true, {"suminShiftMode = commonPart[54:53] // 2", "suminRShift = 8"}, 7},
       {&kLyra, {0, 0, word(wide), word(0x2f0009)}, false,
        {"DecodeQuantInfo:  ", "commonPart = quantInfo[1, 0] // 2961680997734678521", "bias = commonPart[31:0] // -7",
         "suminPart = quantInfo[1, 1] // 3080201", "suminScale = suminPart[14:0] // 9",
@@ -171,6 +143,7 @@ TEST(VelaQuantInfo, DecodeTraceLinesOfOneRow) {
       {&kLyra, {0, 0, word(25ull << 48 | 40ull << 56), word(0x2e0000)}, false,
        {"suminRShift = 0 // exceeds [-17,22] range", "preRShift = commonPart[52:48] // 25",
         "postRShift = commonPart[61:56] // 40"}, 9},
+      // The 32-bit form's mode comes from suminPart, though the line names commonPart.
       {&kLyra, {0, 0, word(3ull << 48), word(2u << 16)}, true,
        {"suminShiftMode = commonPart[17:16] // 2", "suminRShift = 8"}, 9},
   };
@@ -185,25 +158,18 @@ TEST(VelaQuantInfo, DecodeTraceLinesOfOneRow) {
 }
 
 TEST(VelaQuantInfo, ChecksInOrder) {
-  // Each generation's words (second: nullptr when the same).
-  struct Case { std::vector<long> encode, decode; ElementType encodeType; const char *first, *second; };
-  const char* same = nullptr;
+  // Each generation's words: the shared pair check with its own texts, and
+  // the words per channel it takes (1 or 2, or 2 only).
+  struct Case { std::vector<long> encode; ElementType encodeType; const char *first, *second; };
   const Case cases[] = {
-      {{4, 2}, {4, 6}, ElementType::si32, "encoded and decoded quantInfo must be si64",
+      {{4, 2}, ElementType::si32, "encoded and decoded quantInfo must be si64",
        "encode and decode tensors must be the same"},
-      {{4, 2}, {1, 4, 6}, ElementType::si64, "encode and decode tensors must be the same rank",
-       "encode and decode tensors must be same rank"},
-      {{2}, {6}, ElementType::si64, "encode and decode tensors must be at least rank 2", same},
-      {{3, 2}, {4, 6}, ElementType::si64, "encode and decode tensor axis -2 must be identical", same},
-      {{2, 4, 2}, {3, 4, 6}, ElementType::si64, "encode and decode tensor axis 0 must be identical", same},
-      {{4, 2}, {4, 5}, ElementType::si64, "decode tensor axis -1 must be 6", same},
-      {{4, 3}, {4, 6}, ElementType::si64, "encode tensor axis -1 must be either 1 or 2",
-       "encode tensor axis -1 must be 2"},
+      {{4, 3}, ElementType::si64, "encode tensor axis -1 must be either 1 or 2", "encode tensor axis -1 must be 2"},
   };
   for (const Generation* g : kGenerations) {
     for (const Case& c : cases) {
-      Tensor encoded = Tensor::create(c.encodeType, c.encode), decoded = Tensor::create(ElementType::si64, c.decode);
-      const char* expected = g->second && c.second ? c.second : c.first;
+      Tensor encoded = Tensor::create(c.encodeType, c.encode), decoded = Tensor::create(ElementType::si64, {4, 6});
+      const char* expected = g->second ? c.second : c.first;
       EXPECT_EQ(g->encode(encoded, decoded, false).message(), expected);
       EXPECT_EQ(g->decode(decoded, encoded, false).message(), expected);
     }
@@ -213,15 +179,6 @@ TEST(VelaQuantInfo, ChecksInOrder) {
     EXPECT_EQ(g->encode(out, rowsOf({{1, 0, 8, 0, 1, 0}, {1, 0, 4, 0, 1, 0}}), true).message(),
               "i32 suminRShift must be one of [8, 0, -8], but got 4");
     EXPECT_EQ(storageBytes(out), before);
-    Tensor decoded = tensorOf<int64_t>(ElementType::si64, {1, 6}, {1, 2, 3, 4, 5, 6});
-    const Tensor shapeOnly(ElementType::si64, std::vector<long>{1, 2});
-    EXPECT_EQ(g->decode(decoded, shapeOnly, false).message(), "encode and decode tensors must hold data");
-    EXPECT_EQ(valuesOf<int64_t>(decoded), (std::vector<int64_t>{1, 2, 3, 4, 5, 6}));
-    // Leading axes pass through: [2, K, 2] tables encode row by row.
-    Tensor batched = Tensor::create(ElementType::si64, {2, 1, 2});
-    ASSERT_TRUE(g->encode(batched, tensorOf<int64_t>(ElementType::si64, {2, 1, 6}, {1, 0, 0, 0, 0, 0, 2, 0, 0, 0, 0, 0}),
-                          false).ok());
-    EXPECT_EQ(valuesOf<int64_t>(batched), (std::vector<int64_t>{1, 0, 2, 0}));
   }
 }
 
@@ -284,14 +241,11 @@ TEST(VelaGenQuantInfo, SearchesTheMostPreciseShiftsTheFieldsHold) {
       // M = 1e-6: |acc| up to 1.28e8 must fit 16 bits after the pre-shift:
       // 2^12; then 1e-6 * 2^34 = 17179.87 rounds to 17180.
       {'B', 1e-6, 8, 12, 17180, 22, nullptr},
-      {'B', 30000, 8, 0, 30000, 0, nullptr},  // fits the scale with no shift at all
       {'V', std::ldexp(1.0, -40), 8, 17, 256, 31, nullptr},  // both shifts stop at their largest values
       {'V', 40000, 8, 0, 0, 0, "conv post process does not support left shift"},
       {'L', 40000, 8, 0, 32767, 0, "conv post process does not support left shift: -1, adjust to 0"},
       {'L', 0.75, 16, 1, 24576, 14, nullptr},  // t = 15, |acc| <= 43691 needs one pre-shift
-      {'L', std::ldexp(1.0, -30), 8, 22, 16384, 22, nullptr},  // t = 44 splits 22 + 22
       {'L', std::ldexp(1.0, -60), 8, 25, 32, 40, nullptr},     // t = 74 stops at 65
-      {'L', std::ldexp(1.0, -70), 8, 25, 0, 40, nullptr},
   };
   for (const Case& c : cases) {
     GenArgs a;
@@ -306,11 +260,7 @@ TEST(VelaGenQuantInfo, SuminShifts) {
   struct Case { char gens; double ratio; int64_t bits, scale, shift; const char* message; };
   const Case cases[] = {
       {'B', 1e6, 8, 31250, -5, nullptr},  // 1e6 / 32 = 31250
-      {'B', 0.3, 8, 19661, 16, nullptr},
-      {'L', 0.3, 16, 19661, 16, nullptr},
       {'B', 1.0 / 256, 32, 0, 8, nullptr},
-      {'B', 1.0, 32, 0, 0, nullptr},
-      {'B', 256.0, 32, 0, -8, nullptr},
       {'V', 1e8, 8, 0, 0, "suminRShift cannot less than -9"},
       {'L', std::ldexp(1.5, 26), 8, 32767, -9, "suminRShift cannot less than -9: -12, adjust to -9"},
       {'L', std::ldexp(1.0, -30), 16, 0, 22, "suminRShift cannot greater than 22: 44, adjust to 22"},
@@ -355,24 +305,12 @@ TEST(VelaGenQuantInfo, RefusesWhatTheHardwareCannotExpressAndWritesNothing) {
       {"sumin must be 8bit or 32bit", "sumin must be 8bit 16bit or 32bit",
        [](GenArgs& a) { a.suminScale = {1.0}, a.suminBits = 4; }},
       {"sumin must be 8bit or 32bit", nullptr, [](GenArgs& a) { a.suminScale = {1.0}, a.suminBits = 16; }},
-      {"fout must be 8bit or 32bit", "fout must be 8bit 16bit or 32bit", [](GenArgs& a) { a.foutBits = 12; }},
-      {"quantInfo and bias axis 0 size must be identical", same,
-       [](GenArgs& a) { a.bias = Tensor::create(ElementType::f32, {2}); }},
-      {"bias must be f32, f64 or si32", same, [](GenArgs& a) { a.bias = Tensor::create(ElementType::si16, {1}); }},
-      {"fin scale must hold 1 value", same, [](GenArgs& a) { a.finScale = {1.0, 1.0}; }},
-      {"fout scale must hold 1 or 2 values", same, [](GenArgs& a) { a.K = 2, a.foutScale = {1.0, 2.0, 3.0}; }},
       {"weight scale must be positive and finite", same, [](GenArgs& a) { a.weightScale = {0.0}; }},
-      {"fout scale must be positive and finite", same, [](GenArgs& a) { a.foutScale = {NAN}; }},
       {"when fin zero point not zero, weight must be valid", same, [](GenArgs& a) { a.finZeroPoint = 1; }},
-      {"cannot generate input zero point conv2d", same,
-       [](GenArgs& a) { a.finZeroPoint = 1, a.weight = Tensor::create(ElementType::si8, {2, 1, 1, 1}); }},
       {"si32 conv does not support rescale, check fout scale", same,
        [](GenArgs& a) { a.foutBits = 32, a.foutScale = {2.0}; }},
-      {"si32 sumin does not support rescale, check sumin scale",
-       "si32 sumin does not support rescale, check sumin scale",
+      {"si32 sumin does not support rescale, check sumin scale", same,
        [](GenArgs& a) { a.suminScale = {3.0}, a.suminBits = 32; }},
-      {"can not get bias in range of int32 on channel 0", same,
-       [](GenArgs& a) { a.bias = tensorOf<float>(ElementType::f32, {1}, {3e9f}); }},
   };
   for (const Generation* g : kGenerations) {
     for (const Case& c : cases) {
@@ -391,10 +329,5 @@ TEST(VelaGenQuantInfo, RefusesWhatTheHardwareCannotExpressAndWritesNothing) {
     std::vector<int64_t> rows;
     EXPECT_EQ(generate(*g, two, rows).message(), "can not get bias in range of int32 on channel 1");
     EXPECT_EQ(rows, std::vector<int64_t>(12, -99)) << "every row is derived before any is written";
-    for (const std::vector<long>& shape : {std::vector<long>{6}, std::vector<long>{1, 5}}) {
-      Tensor out = Tensor::create(ElementType::si64, shape);
-      EXPECT_EQ(g->gen(out, {}, {}, {1.0}, 0, {1.0}, {}, 0, 8, {1.0}, 0, 8).message(),
-                shape.size() == 1 ? "quantInfo must be rank of 2" : "quantInfo axis 1 size must be 6");
-    }
   }
 }
