@@ -100,7 +100,6 @@ struct Generation {
   Status (*ppEncoded)(Tensor&, const Tensor&, const Tensor&, const Tensor&, bool, bool, bool);
   Status (*gen)(Tensor&, const Tensor&, const Tensor&, ArrayRef<double>, int64_t, ArrayRef<double>, ArrayRef<double>,
                 int64_t, int64_t, ArrayRef<double>, int64_t, int64_t);
-  const char* kernel;  // the registered whole convolution
   long words(bool sumin32) const { return second || !sumin32 ? 2 : 1; }
 };
 
@@ -108,10 +107,10 @@ inline const Generation kVela{
     "first", false, 17, -13, 22, 31, 31,
     [](Tensor& e, const Tensor& d, bool) { return vela::intrinsic::EncodeQuantInfo(e, d); },
     [](Tensor& d, const Tensor& e, bool) { return vela::intrinsic::DecodeQuantInfo(d, e, 0); },
-    &vela::intrinsic::ConvPP, &vela::intrinsic::ConvPPEncoded, &vela::intrinsic::GenQuantInfo, "vela::Conv2d"};
+    &vela::intrinsic::ConvPP, &vela::intrinsic::ConvPPEncoded, &vela::intrinsic::GenQuantInfo};
 inline const Generation kLyra{
     "second", true, 25, -17, 22, 40, 63, &lyra::intrinsic::EncodeQuantInfo, &lyra::intrinsic::DecodeQuantInfo,
-    &lyra::intrinsic::TaeConvPP, &lyra::intrinsic::TaeConvPPEncoded, &lyra::intrinsic::GenQuantInfo, "lyra::Conv2d"};
+    &lyra::intrinsic::TaeConvPP, &lyra::intrinsic::TaeConvPPEncoded, &lyra::intrinsic::GenQuantInfo};
 inline const Generation* const kGenerations[] = {&kVela, &kLyra};
 
 /// Whether a table row marked 'B' (both), 'V' (the first) or 'L' (the second) runs on `g`.
@@ -130,16 +129,6 @@ inline std::vector<int64_t> decodeWords(const Generation& g, const std::vector<i
   const Status s = g.decode(out, tensorOf<int64_t>(ElementType::si64, {K, g.words(sumin32)}, words), sumin32);
   EXPECT_TRUE(s.ok()) << g.name << ": " << s.message();
   return valuesOf<int64_t>(out);
-}
-
-/// Full: the lines exactly; otherwise these lines among `count` in all.
-inline void expectTrace(const std::vector<std::string>& got, const std::vector<std::string>& lines, size_t count) {
-  if (count == 0) {
-    EXPECT_EQ(got, lines);
-    return;
-  }
-  EXPECT_EQ(got.size(), count);
-  for (const std::string& line : lines) EXPECT_NE(std::find(got.begin(), got.end(), line), got.end()) << line;
 }
 
 /// The elements of an integer tensor as int64.
