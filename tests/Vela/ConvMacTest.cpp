@@ -26,7 +26,6 @@ TEST(VelaConvMac, PaddingTapsUseTheLowByteOfPadValueAndSumsWrap) {
   const Case cases[] = {
       {0, 0, 25},             // 5 * 5
       {255, 0, 25 - 40},      // low byte 0xff is -1: the other eight weights (sum 40) subtracted
-      {0x17f, 0, 25 + 5080},  // low byte 0x7f is 127: 127 * 40
       {-1, INT32_MIN + 5, INT32_MAX - 9},  // wraps below INT32_MIN: 25 - 40 + 5 - 2^31 + 2^32
   };
   for (const Case& c : cases) {
@@ -47,7 +46,6 @@ TEST(VelaConvMac, MatchesThePlainReferenceOnEveryLoop) {
   const Case cases[] = {
       {{2, 7, 5, 21}, {5, 3, 2, 21}, {2, 4, 3, 5}, {{2, 0}, -3, {2, 2}, {2, 1}, 1}},      // a block of 16 and a tail of 5
       {{1, 6, 6, 12}, {6, 3, 3, 4}, {1, 6, 6, 6}, {{1, 1}, 7, {1, 1}, {1, 1}, 3}},        // 3 groups
-      {{2, 7, 6, 6}, {12, 3, 3, 1}, {2, 5, 3, 12}, {{1, 1}, -5, {1, 2}, {2, 1}, 6}},      // channel multiplier 2
       {{1, 6, 5, 10}, {10, 3, 3, 1}, {1, 4, 4, 10}, {{1, 2}, -128, {2, 1}, {1, 2}, 10}},  // depthwise
   };
   std::mt19937 rng(7);
@@ -81,21 +79,19 @@ TEST(VelaConvMac, ZigzagWeightColumnsAlternateDownAndUpAndItsMacSplitsIntoPasses
   for (int i = 0; i < 24; ++i) EXPECT_EQ(valuesOf<int16_t>(fout)[i], 100 * rows[i / 4][0] + 10 * rows[i / 4][1] + i % 4);
 
   std::mt19937 rng(13);
-  for (long group : {1L, 2L}) {
-    const long R = 3, S = 2, C = 6, K = 4;
-    const Tensor fin = randomTensor8({2, 5, 5, C}, rng), weight = randomTensor8({K, R, S, C / group}, rng);
-    Tensor zigzag = Tensor::create(ElementType::si8, {K, R * S, C / group});
-    ASSERT_TRUE(ConvZigzagWeight(zigzag, weight).ok());
-    const Tensor start = randomTensor32({2, 3, 4, K}, rng, INT32_MIN / 2, INT32_MAX / 2);
-    Tensor dense = compactCopy(start), whole = compactCopy(start), passes = compactCopy(start);
-    ASSERT_TRUE(ConvMac(dense, fin, weight, {1, 0}, 4, {2, 1}, {1, 1}, group).ok());
-    ASSERT_TRUE(ConvZigzagMac(whole, fin, zigzag, {1, 0}, {R, S}, 4, {2, 1}, group, 0).ok());
-    EXPECT_EQ(valuesOf<int32_t>(whole), valuesOf<int32_t>(dense));
-    // Taps 0..1 then 2..5, each pass reading its slice of the zigzag weight.
-    ASSERT_TRUE(ConvZigzagMac(passes, fin, zigzag.slice(1, 0, 2), {1, 0}, {R, S}, 4, {2, 1}, group, 0).ok());
-    ASSERT_TRUE(ConvZigzagMac(passes, fin, zigzag.slice(1, 2, 6), {1, 0}, {R, S}, 4, {2, 1}, group, 2).ok());
-    EXPECT_EQ(valuesOf<int32_t>(passes), valuesOf<int32_t>(dense));
-  }
+  const long R = 3, S = 2, C = 6, K = 4, group = 2;
+  const Tensor fin = randomTensor8({2, 5, 5, C}, rng), weight = randomTensor8({K, R, S, C / group}, rng);
+  Tensor zigzag = Tensor::create(ElementType::si8, {K, R * S, C / group});
+  ASSERT_TRUE(ConvZigzagWeight(zigzag, weight).ok());
+  const Tensor start = randomTensor32({2, 3, 4, K}, rng, INT32_MIN / 2, INT32_MAX / 2);
+  Tensor dense = compactCopy(start), whole = compactCopy(start), passes = compactCopy(start);
+  ASSERT_TRUE(ConvMac(dense, fin, weight, {1, 0}, 4, {2, 1}, {1, 1}, group).ok());
+  ASSERT_TRUE(ConvZigzagMac(whole, fin, zigzag, {1, 0}, {R, S}, 4, {2, 1}, group, 0).ok());
+  EXPECT_EQ(valuesOf<int32_t>(whole), valuesOf<int32_t>(dense));
+  // Taps 0..1 then 2..5, each pass reading its slice of the zigzag weight.
+  ASSERT_TRUE(ConvZigzagMac(passes, fin, zigzag.slice(1, 0, 2), {1, 0}, {R, S}, 4, {2, 1}, group, 0).ok());
+  ASSERT_TRUE(ConvZigzagMac(passes, fin, zigzag.slice(1, 2, 6), {1, 0}, {R, S}, 4, {2, 1}, group, 2).ok());
+  EXPECT_EQ(valuesOf<int32_t>(passes), valuesOf<int32_t>(dense));
 }
 
 TEST(VelaConvMac, SparseRowsApplyToTheirIndexedTaps) {
