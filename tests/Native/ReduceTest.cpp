@@ -158,11 +158,11 @@ TEST(ReduceArg, FirstExtremeWinsAlongTheOneAxis) {
       EXPECT_EQ(valuesOf<int64_t>(op(view, {axis})), expected) << layout;
     }
   }
-  // Narrow integer outputs: an index of 200 does not fit in si8, 127 does.
-  std::vector<float> row(201, 0.0f);
-  row[150] = 1.0f;
-  Tensor longRow = f32s({201}, row), small = Tensor::create(si8, {});
-  EXPECT_EQ(native::ReduceArgMax(small, longRow, {0}, false).message(), "reduce arg index 200 does not fit in fout si8");
+  // Narrow integer outputs: an index of 200 does not fit in si8 (checked
+  // before anything is written), 127 does.
+  Tensor longRow = f32s({201}, std::vector<float>(201, 0.0f)), small = ints(si8, {9});
+  EXPECT_EQ(native::ReduceArgMax(small, longRow, {0}, true).message(), "reduce arg index 200 does not fit in fout si8");
+  EXPECT_EQ(valuesOf<int8_t>(small), std::vector<int8_t>{9});
   EXPECT_EQ(valuesOf<int8_t>(OP(ReduceArgMax)(longRow.slice(0, 0, 128), {0}, false, si8))[0], 0);
 }
 
