@@ -78,6 +78,7 @@ TEST(UnaryValues, HandWorkedResults) {
       {"ReLU: -0, NaN and -inf give +0", PLAIN(ReLU), {-0.0f, 1e-45f, -1e-45f, kNaN, -kInf, kInf},
        {0.0f, 1e-45f, 0.0f, 0.0f, 0.0f, kInf}},
       {"ClampF keeps NaN, lower bound first", BOUND(ClampF, 3.0, 1.0), {kNaN, 0.0f, 2.0f, 5.0f}, {kNaN, 1, 1, 1}},
+      {"Softplus: the threshold itself is not above it", BOUND(Softplus, 1.0, 0.0), {0.0f, 1.0f}, {logf(2.0f), 1.0f}},
       {"Round to tens", BOUND(Round, int64_t(-1)), {15.0f, 25.0f, 26.0f}, {20.0f, 20.0f, 30.0f}},
       {"PRelu, one slope for all", BOUND(PRelu, f32s({1}, {0.25f})), {-1, 2, -0.0f, kNaN, -kInf}, {-0.25f, 2, -0.0f, kNaN, -kInf}},
       {"Sign", PLAIN(Sign), {-3.0f, 0.25f, 0.0f, -0.0f, kNaN, -kInf}, {-1.0f, 1.0f, 0.0f, -0.0f, kNaN, -1.0f}},
