@@ -36,8 +36,7 @@ template <class T>
 std::vector<T> valuesOf(const Tensor& t) {
   Tensor compact = Tensor::create(t.elementType(), t.shape());
   copyElements(compact, t);
-  auto data = compact.data<T>();
-  return std::vector<T>(data.begin(), data.end());
+  return compact.data<T>().vec();
 }
 
 /// The bit pattern of each element, for bit-exact comparisons.
@@ -121,13 +120,6 @@ inline Tensor filled(ElementType type, std::vector<long> shape, unsigned char by
   return t;
 }
 
-/// The little-endian bytes of 64-bit words (the serialized tensor's header).
-inline std::string words(std::initializer_list<uint64_t> list) {
-  std::string s;
-  for (uint64_t w : list) s.append(reinterpret_cast<const char*>(&w), 8);
-  return s;
-}
-
 /// The bytes of values of type T, one after the other.
 template <class T>
 std::string raw(std::initializer_list<T> values) {
@@ -135,6 +127,9 @@ std::string raw(std::initializer_list<T> values) {
   for (T v : values) s.append(reinterpret_cast<const char*>(&v), sizeof(T));
   return s;
 }
+
+/// The little-endian bytes of 64-bit words (the serialized tensor's header).
+inline std::string words(std::initializer_list<uint64_t> list) { return raw<uint64_t>(list); }
 
 inline std::string readFile(const std::string& path) {
   std::ifstream in(path, std::ios::binary);

@@ -49,12 +49,11 @@ TEST(Metrics, HandWorkedValues) {
        1 - 1 / std::sqrt(2.0), std::sqrt(0.5), 1, 0, 1e-15, 1, false},
       {"both all zeros", f64({2}, {0, 0}), f64({2}, {0, 0}), 0, 0, 0, kInf, 0, 0, true},
       {"zeros against ones", f64({2}, {0, 0}), f64({2}, {1, 1}), 1, 1, 1, -kInf, 0, 2, false},
-      {"ones against zeros", f64({2}, {1, 1}), f64({2}, {0, 0}), 1, 1, 1, 0, 0, 2, false},
       {"opposite signs", f64({2}, {1, 2}), f64({2}, {-1, -2}), 2, std::sqrt(10.0), 4, 10 * std::log10(5.0 / 20.0), 1e-15, 2, false},
       {"no elements", Tensor::create(ElementType::f64, {0, 2}), Tensor::create(ElementType::f64, {0, 2}), 0, 0, 0, kInf, 0, 0, true},
       {"NaN in both (same bits)", f64({2}, {kNaN, 1}), f64({2}, {kNaN, 1}), kNaN, 0, 0, kNaN, 0, 1, true},
+      {"signed zeros: equal values, other bytes", f64({1}, {-0.0}), f64({1}, {0.0}), 0, 0, 0, kInf, 0, 0, false},
       {"NaN in one", f64({2}, {1, 2}), f64({2}, {kNaN, 2}), kNaN, kNaN, kNaN, kNaN, 0, 1, false},
-      {"infinity in both", f64({2}, {kInf, 1}), f64({2}, {kInf, 2}), kNaN, std::sqrt(0.5), 1, kInf, 1e-15, 1, false},
       {"infinity in one", f64({2}, {1, 2}), f64({2}, {kInf, 2}), kNaN, kInf, kInf, -kInf, 0, 1, false},
       {"huge", f64({2}, {1e200, -3e200}), f64({2}, {1.5e200, -3e200}), 0.010050506338833465839, 3.5355339059327376220e199, 0.5e200,
        16.020599913279623904, 1e-12, 1, false},
@@ -77,24 +76,22 @@ TEST(Metrics, HandWorkedValues) {
   }
 }
 
-TEST(Metrics, AllCloseFollowsNumpysRuleAndAllIdenticalComparesBytes) {
+TEST(Metrics, AllCloseFollowsNumpysRule) {
   struct Case { double expected, actual, rtol, atol; bool equalNan, close; };
   const Case cases[] = {
       {1e10, 1.00001e10, 1e-5, 1e-8, false, true},  // |d| = 1e5 = rtol * |e|
       {1e10, 1.0000100001e10, 1e-5, 0, false, false},
-      {1e-8, 1e-9, 1e-5, 1e-8, false, true},  // within atol
       {100, 99, 0.01, 0, false, true},  // the tolerance scales with the expected value only
       {99, 100, 0.01, 0, false, false},
       {kInf, kInf, 0, 0, false, true},
-      {-kInf, kInf, 1, 1, false, false},
       {kInf, 1e308, 1, 1, false, false},  // |d| = inf <= atol + rtol * inf would hold: infinities must be equal
       {kNaN, kNaN, 1, 1, false, false},
       {kNaN, kNaN, 0, 0, true, true},
-      {kNaN, 1, 1, 1, true, false},
   };
   for (const Case& c : cases) {
-    // One element, and the same pair twice among many (the paired path).
-    for (long n : {1, 9}) {
+    // One element, and the same pair twice among ten, where pairs of
+    // elements are measured together.
+    for (long n : {1, 10}) {
       std::vector<double> e(size_t(n), 1.0), a(size_t(n), 1.0);
       e[size_t(n / 2)] = e[size_t(n - 1)] = c.expected, a[size_t(n / 2)] = a[size_t(n - 1)] = c.actual;
       bool close = !c.close;
@@ -102,26 +99,20 @@ TEST(Metrics, AllCloseFollowsNumpysRuleAndAllIdenticalComparesBytes) {
       EXPECT_EQ(close, c.close) << c.expected << " vs " << c.actual << " rtol " << c.rtol << " atol " << c.atol << " n " << n;
     }
   }
-  auto bits = [](uint32_t b) { return tensorOf<uint32_t>(ElementType::f32, {1}, {b}); };
-  struct Bytes { const char* what; Tensor expected, actual; bool identical; };
-  const Bytes bytes[] = {
-      {"NaN payloads differ", bits(0x7fc00000), bits(0x7fc00001), false},
-      {"signed zeros", bits(0x80000000), bits(0), false},
-      {"same bytes, different types", tensorOf<uint8_t>(ElementType::si8, {1}, {200}), tensorOf<uint8_t>(ElementType::ui8, {1}, {200}), false},
-      {"types with no numeric reading", tensorOf<uint16_t>(ElementType::opaque16, {2}, {1, 2}), tensorOf<uint16_t>(ElementType::opaque16, {2}, {1, 2}), true},
-      {"... differing", tensorOf<uint16_t>(ElementType::opaque16, {2}, {1, 2}), tensorOf<uint16_t>(ElementType::opaque16, {2}, {1, 3}), false},
-  };
-  for (const Bytes& c : bytes) {
-    bool identical = !c.identical;
-    ASSERT_TRUE(AllIdentical(identical, c.expected, c.actual).ok());
-    EXPECT_EQ(identical, c.identical) << c.what;
-  }
+  // AllIdentical also serves types with no numeric reading.
+  bool identical = false;
+  const Tensor opaque = tensorOf<uint16_t>(ElementType::opaque16, {2}, {1, 2});
+  ASSERT_TRUE(AllIdentical(identical, opaque, tensorOf<uint16_t>(ElementType::opaque16, {2}, {1, 2})).ok());
+  EXPECT_TRUE(identical);
 }
 
-TEST(Metrics, AgreeWithWiderArithmeticOnRandomData) {
+TEST(Metrics, AgreeWithWiderArithmeticWhateverTheLayout) {
+  // Random values stored transposed. The sums are blocked by row-major
+  // position, so the view and its compact copy give the same bits; both
+  // agree with long double sums.
   std::mt19937 rng(7);
   std::normal_distribution<float> value(0.f, 3.f), noise(0.f, 1e-3f);
-  const long n = 100003;  // not a multiple of the block size
+  const long n = 7 * 14287;  // not a multiple of the block size
   std::vector<float> e(n), a(n);
   long double ee = 0, aa = 0, ea = 0, dd = 0, maxNoise = 0;
   for (long i = 0; i < n; ++i) {
@@ -131,33 +122,16 @@ TEST(Metrics, AgreeWithWiderArithmeticOnRandomData) {
     ee += x * x, aa += y * y, ea += x * y, dd += d * d;
     maxNoise = std::max(maxNoise, std::fabs(d));
   }
-  const Tensor expected = f32({n}, e), actual = f32({n}, a);
-  Comparison r = compare(expected, actual);
+  const Tensor expected = f32({n / 7, 7}, e).permute({1, 0}), actual = f32({n / 7, 7}, a).permute({1, 0});
+  Comparison r = compare(expected, actual), compact = compare(expected.contiguous(), actual.contiguous());
+  EXPECT_EQ(formatMetrics(r) + differenceView(r), formatMetrics(compact) + differenceView(compact));
+  for (auto sum : {&Comparison::cosineDistance, &Comparison::signalQuantizationNoiseRatio, &Comparison::rootMeanSquareDeviation})
+    EXPECT_EQ(std::bit_cast<uint64_t>(r.*sum), std::bit_cast<uint64_t>(compact.*sum));
   expectNear(r.rootMeanSquareDeviation, double(std::sqrt(dd / n)), 1e-12, "rmsd");
   expectNear(r.signalQuantizationNoiseRatio, double(10 * std::log10(ee / dd)), 1e-12, "sqnr");
   // 1 - similarity loses digits to cancellation; compare the similarity instead.
   expectNear(1 - r.cosineDistance, double(ea / std::sqrt(ee * aa)), 1e-13, "similarity");
   EXPECT_EQ(r.maximumQuantizationNoise, double(maxNoise)) << "the largest difference is exact";
-  // The one-metric functions agree with the combined pass.
-  double single[4] = {};
-  ASSERT_TRUE(CosineDistance(single[0], expected, actual).ok() && RootMeanSquareDeviation(single[1], expected, actual).ok() &&
-              MaximumQuantizationNoise(single[2], expected, actual).ok() && SignalQuantizationNoiseRatio(single[3], expected, actual).ok());
-  EXPECT_EQ(std::vector<double>(single, single + 4), (std::vector<double>{r.cosineDistance, r.rootMeanSquareDeviation,
-                                                                          r.maximumQuantizationNoise, r.signalQuantizationNoiseRatio}));
-}
-
-TEST(Metrics, SameBitsWhateverTheLayout) {
-  // The same logical values stored transposed and compact: the sums are
-  // blocked by row-major position, so every metric has the same bits.
-  std::mt19937 rng(21);
-  std::uniform_real_distribution<float> value(-2.f, 2.f), noise(-1e-3f, 1e-3f);
-  std::vector<float> e(11 * 9 * 7), a(e.size());
-  for (size_t i = 0; i < e.size(); ++i) e[i] = value(rng), a[i] = e[i] + noise(rng);
-  Tensor ev = f32({11, 9, 7}, e).permute({2, 1, 0}), av = f32({11, 9, 7}, a).permute({2, 1, 0});
-  Comparison strided = compare(ev, av), compact = compare(ev.contiguous(), av.contiguous());
-  EXPECT_EQ(formatMetrics(strided) + differenceView(strided), formatMetrics(compact) + differenceView(compact));
-  for (auto sum : {&Comparison::cosineDistance, &Comparison::signalQuantizationNoiseRatio, &Comparison::rootMeanSquareDeviation})
-    EXPECT_EQ(std::bit_cast<uint64_t>(strided.*sum), std::bit_cast<uint64_t>(compact.*sum));
   // The bytes of a transposed view are compared element by element.
   Tensor transposed = f32({2, 3}, {1, 2, 3, 4, 5, 6}).permute({1, 0});
   EXPECT_TRUE(compare(f32({3, 2}, {1, 4, 2, 5, 3, 6}), transposed).allIdentical);
@@ -178,12 +152,6 @@ TEST(Metrics, WorstElementsAndHistogram) {
                                     {{1, 1, 1}, "0 -10 false"}}));
   EXPECT_EQ(r.decades, (std::map<int, long>{{-324, 1}, {-4, 1}, {-3, 1}, {0, 2}, {1, 2}}));
   EXPECT_EQ(std::vector<long>({r.equalCount, r.infiniteCount, r.nanCount}), std::vector<long>({3, 1, 1}));
-  // With every element close, the list shows the largest differences.
-  o.atol = 1;
-  r = compare(f64({3}, {0, 0, 0}), f64({3}, {0.5, -0.75, 0}), o);
-  EXPECT_FALSE(r.worstAreMismatches);
-  ASSERT_EQ(r.worst.size(), 2u);
-  EXPECT_TRUE(r.worst[0].difference == -0.75 && r.worst[0].close);
 }
 
 TEST(Metrics, PrintedForms) {
@@ -211,10 +179,6 @@ TEST(Metrics, PrintedForms) {
   EXPECT_TRUE(capped.starts_with("worst mismatches (1 of 9):\n  coordinate  expected  actual  difference\n  [9] ")) << capped;
   EXPECT_TRUE(capped.ends_with("  < 1e-01         8  ########\n  [1e-01, 1e+00)  1  #\n  [1e+00, 1e+01)  1  #\n")) << capped;
   EXPECT_EQ(differenceView(compare(f64({2}, {1, 2}), f64({2}, {1, 2}))), "no differences: all 2 elements are equal\n");
-  // Integral operands print the difference as an integer.
-  EXPECT_NE(differenceView(compare(tensorOf<int32_t>(ElementType::si32, {1}, {-7}), tensorOf<int8_t>(ElementType::si8, {1}, {5})))
-                .find("\n  [0]               -7       5  12\n"),
-            std::string::npos);
 }
 
 TEST(Metrics, MisuseIsReported) {
@@ -222,13 +186,8 @@ TEST(Metrics, MisuseIsReported) {
   struct Case { Tensor expected, actual; CompareOptions options; std::string message; };
   const Case cases[] = {
       {a, a.permute({1, 0}), {}, "shape mismatch: expected 2x3, actual 3x2"},
-      {Tensor(), a, {}, "expected holds no data"},
-      {a, Tensor(ElementType::f64, {2, 3}), {}, "actual holds no data"},
       {Tensor::create(ElementType::opaque8, {1}), Tensor::create(ElementType::si8, {1}), {}, "element type opaque8 of expected has no numeric reading"},
-      {Tensor::create(ElementType::si8, {1}), Tensor::create(ElementType::tf32, {1}), {}, "element type tf32 of actual has no numeric reading"},
-      {a, a, {.rtol = -1}, "rtol must be a non-negative number"},
       {a, a, {.atol = kNaN}, "atol must be a non-negative number"},
-      {a, a, {.worstCount = -1}, "worstCount must not be negative"},
   };
   for (const Case& c : cases) {
     Comparison r;

@@ -44,11 +44,6 @@ TEST(ElementType, TableOfNamesValuesWidthsAndFamilies) {
   for (uint32_t value : {0u, 1u, 0x40008u, 0x10103u, 0x203c9u})
     EXPECT_STREQ(elementTypeName(static_cast<ElementType>(value)), "unreachable") << value;
   EXPECT_EQ(elementTypeFromName("float32"), ElementType::invalid);
-  // Packed int4 pairs take one byte per element; four-byte floats of
-  // different kinds are different types over the same bytes.
-  EXPECT_EQ(Tensor::create(ElementType::si4x2, {10}).storage()->size(), 10u);
-  Tensor a = Tensor::create(ElementType::f32, {2});
-  EXPECT_NE(a.view(ElementType::tf32).type(), a.view(ElementType::vf32).type());
 }
 
 TEST(ElementType, RoundModeFromText) {

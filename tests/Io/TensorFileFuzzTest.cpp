@@ -16,7 +16,6 @@ namespace {
 std::vector<std::string> seeds() {
   std::vector<std::string> list;
   const Tensor tensors[] = {test::tensorOf<float>(ElementType::f32, {2, 3}, {1, -2, 3.5f, 0, 1e30f, -1e-30f}),
-                            test::tensorOf<int16_t>(ElementType::si16, {3, 1, 2}, {1, 2, 3, 4, 5, 6}),
                             test::tensorOf<uint8_t>(ElementType::bool8, {4}, {0, 1, 1, 0}),
                             test::tensorOf<double>(ElementType::f64, {}, {2.5}), Tensor::create(ElementType::ui64, {0, 4})};
   for (const Tensor& t : tensors)
@@ -25,34 +24,30 @@ std::vector<std::string> seeds() {
       if (!encodeTensor(bytes, t, format).ok()) throw std::logic_error("cannot encode a seed");
       list.emplace_back(bytes.begin(), bytes.end());
     }
-  // Hand-written variants the writer never produces: version 2, Fortran order, no padding.
-  const std::string header = "{'descr': '<i2', 'fortran_order': True, 'shape': (2, 2)}\n";
-  list.push_back(std::string("\x93NUMPY\x02\0", 8) + char(header.size()) + std::string(3, '\0') + header + std::string("\1\0\2\0\3\0\4\0", 8));
   return list;
 }
 
 // One to four rounds of: flip a bit, write an interesting byte, truncate,
-// insert random bytes, delete a range, overwrite a size field, turn a digit
-// into a long number, duplicate a chunk.
+// delete a range, overwrite a size field, turn a digit into a long number,
+// duplicate a chunk.
 std::string mutate(std::string s, std::mt19937_64& rng) {
   auto pick = [&](std::size_t n) { return n == 0 ? 0 : std::size_t(rng() % n); };
   static const char interesting[] = "\0\1\x7f\x80\xff(),'\"{}:0123456789L \n-<>|x";
   const uint64_t sizes[] = {0, 1, 11, 12, 0x7fffffffffffffff, 0xffffffffffffffff, 1ull << 32, 65535, rng() % (1 << 20)};
   for (int round = int(pick(4)); round >= 0; --round) {
     const std::size_t at = pick(s.size()), n = s.size();
-    switch (pick(8)) {
+    switch (pick(7)) {
       case 0: if (n) s[at] ^= char(1 << pick(8)); break;
       case 1: if (n) s[at] = interesting[pick(sizeof(interesting) - 1)]; break;
       case 2: s.resize(pick(n + 1)); break;
-      case 3: s.insert(pick(n + 1), std::string(1 + pick(8), char(rng()))); break;
-      case 4: if (n) s.erase(at, 1 + pick(std::min<std::size_t>(16, n - at))); break;
-      case 5: {  // the .npy header length, or a serialized header word
+      case 3: if (n) s.erase(at, 1 + pick(std::min<std::size_t>(16, n - at))); break;
+      case 4: {  // the .npy header length, or a serialized header word
         const std::size_t field = n > 16 && s[0] != '\x93' ? 8 * (1 + pick(n / 8 < 4 ? 1 : 3)) : 8;
         const uint64_t v = sizes[pick(std::size(sizes))];
         for (std::size_t i = 0; i < 8 && field + i < n; ++i) s[field + i] = char((v >> (8 * i)) & 0xff);
         break;
       }
-      case 6: if (std::size_t d = s.find_first_of("0123456789", at); d != std::string::npos) s.replace(d, 1, std::to_string(rng())); break;
+      case 5: if (std::size_t d = s.find_first_of("0123456789", at); d != std::string::npos) s.replace(d, 1, std::to_string(rng())); break;
       default: if (n) s.insert(pick(n + 1), s.substr(at, 1 + pick(32)));
     }
   }

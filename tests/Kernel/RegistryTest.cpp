@@ -16,8 +16,6 @@ using test::valuesOf;
 TEST(Registry, TheLibraryTableAndTheTensorLayout) {
   // (tests/standalone/AbiHost.cpp checks the entry points the way a host
   // calls them, reading the table through its own copy of the layout.)
-  EXPECT_EQ(getTabbyCHandle(), &kernelTable());
-  EXPECT_EQ(findKernel("native::ReLU")->impl, reinterpret_cast<KernelEntry::AnyFunction>(&native::ReLU));
   EXPECT_EQ(sizeof(Tensor), 8u + 88 + 88 + 8 + 8 + 16) << "hosts pass tensors as they are";
   Dispatcher& d = Dispatcher::singleton();
   EXPECT_TRUE(d.empty()) << "nothing in the library fills the process-wide map";
@@ -36,8 +34,6 @@ TEST(Registry, TableFollowsThePublishedOrder) {
     EXPECT_GT(it - published.begin(), previous) << entry->name << " is out of order (or registered twice)";
     previous = it - published.begin();
     EXPECT_EQ(findKernel(entry->name), entry.get());
-    EXPECT_EQ(entry->reserved, 0u);
-    EXPECT_TRUE(std::equal(entry->libraryInfo, entry->libraryInfo + 3, kernelTable().libraryInfo));
   }
 }
 
@@ -50,29 +46,23 @@ Status twoOutputs(Tensor&, Tensor&, Tensor const&, const std::vector<long>&, dou
 
 TEST(Registration, KindsAndCountsComeFromTheSignatureWithTheirPublishedCodesAndNames) {
   KernelRegistry table;
-  table.libraryInfo[1] = 99;
   registerKernel(table, "test::TwoOutputs", nullptr, &twoOutputs);
   const KernelEntry& e = *table.entries.at(0);
   EXPECT_EQ(std::make_pair(e.numOutputs, e.numInputs), std::make_pair(uint64_t(2), uint64_t(7)));
-  EXPECT_EQ(e.config, nullptr);
-  EXPECT_EQ(e.libraryInfo[1], 99u);
   const uint64_t inputs[] = {0x1000400, 0x3080105, 0x80004, 0x10205, kKindString, 0x3020103, 0x80204, 0};
   EXPECT_TRUE(std::equal(std::begin(inputs), std::end(inputs), e.inputKinds));
   EXPECT_EQ(std::vector<uint64_t>(e.outputKinds, e.outputKinds + 3), (std::vector<uint64_t>{kKindTensor, kKindTensor, 0}));
+  // Kinds the signature above lacks (the command-line tests print the names
+  // of the test kernels' kinds).
   struct Row { uint64_t code, expected; const char* name; };
   const Row rows[] = {
-      {paramKind<int8_t>(), 0x10102, "int8_t"},    {paramKind<uint64_t>(), 0x80204, "uint64_t"},
-      {paramKind<bool>(), 0x10205, "bool"},        {paramKind<half>(), 0x20002, "half"},
-      {paramKind<uint16_t>(), 0x20202, "uint16_t"}, {paramKind<const Tensor&>(), 0x1000400, "Tensor"},
+      {paramKind<int8_t>(), 0x10102, "int8_t"}, {paramKind<half>(), 0x20002, "half"},
       {paramKind<const std::vector<Tensor>&>(), 0x3000400, "Tensor[]"}, {paramKind<ArrayRef<float>>(), 0x3040003, "float[]"},
-      {paramKind<const std::vector<double>&>(), 0x3080004, "double[]"}, {paramKind<ArrayRef<long>>(), 0x3080105, "int64_t[]"},
   };
   for (const Row& r : rows) {
     EXPECT_EQ(r.code, r.expected) << r.name;
     EXPECT_EQ(kindName(r.code), r.name);
   }
-  EXPECT_EQ(kindName(kKindVector), "Vector");
-  EXPECT_EQ(kindName(0x1234), "0x1234");
 }
 
 TEST(Invoke, ConfigAllocatesThenImplComputesWithDefaultsForTrailingInputs) {
@@ -91,10 +81,7 @@ TEST(Invoke, ConfigAllocatesThenImplComputesWithDefaultsForTrailingInputs) {
   Tensor mine = outs[0];
   ASSERT_TRUE(invoke(scale, outs, {in, -1.0}).ok());
   EXPECT_EQ(valuesOf<float>(mine), (std::vector<float>{-1.f, 2.f}));
-  // A kernel without a Config needs typed outputs, which it gets allocated.
-  std::vector<Tensor> typed = {Tensor(ElementType::f32, {2})};
-  ASSERT_TRUE(invoke(testKernel("test::Fill"), typed, {2.5}).ok());
-  EXPECT_EQ(valuesOf<float>(typed[0]), (std::vector<float>{2.5f, 2.5f}));
+  // (A kernel without a Config, given typed outputs or not: the command-line tests.)
   // Misuse in the layer's own words (the command-line tests cover the other conversion failures).
   std::vector<Tensor> none, tooMany(3);
   EXPECT_EQ(invoke(testKernel("test::Concat"), none, {in}).message(),
@@ -112,9 +99,7 @@ TEST(Invoke, ConfigAllocatesThenImplComputesWithDefaultsForTrailingInputs) {
                                  "(Impl invoke) The output params: Tensor<f32,2,4>", 0), 0u) << impl.message();
 }
 
-TEST(Invoke, LibraryKernelByName) {
+TEST(Invoke, UnknownNameIsRefused) {
   std::vector<Tensor> outs;
-  ASSERT_TRUE(invoke("native::ReLU", outs, {tensorOf<float>(ElementType::f32, {3}, {-1.f, -2.5f, 4.f})}).ok());
-  EXPECT_EQ(valuesOf<float>(outs[0]), (std::vector<float>{0.f, 0.f, 4.f}));
   EXPECT_EQ(invoke("native::NoSuchKernel", outs, {}).message(), "no kernel is registered as \"native::NoSuchKernel\"");
 }

@@ -105,17 +105,12 @@ TEST(BinaryIntegers, DivRemModAndBitShiftAgainstInt64OnEvery8BitPair) {
 TEST(BinaryIntegers, HandWorkedRulesOnEveryWidth) {
   const int64_t i32min = INT32_MIN, i64min = INT64_MIN, i64max = INT64_MAX;
   const std::tuple<const char*, Binary, Tensor, Tensor, std::vector<int64_t>> cases[] = {
-      {"si32 rem", OP(Rem), ints(si32, {5, -7, 7, i32min}), ints(si32, {0, 2, -2, -1}), {5, -1, 1, 0}},
       {"si64 div", OP(Div), ints(si64, {i64min, i64min, 9}), ints(si64, {-1, 1, 0}), {i64min, i64min, 0}},
       {"ui8 div", OP(Div), ints(ui8, {200, 255, 7}), ints(ui8, {0, 2, 255}), {0, 127, 0}},
-      {"ui32 rem", OP(Rem), ints(ui32, {4294967295, 10}), ints(ui32, {0, 4}), {4294967295, 2}},
-      {"si8 add wraps", OP(Add), ints(si8, {127, -128}), ints(si8, {1, -1}), {-128, 127}},
-      {"ui8 sub wraps", OP(Sub), ints(ui8, {0, 5}), ints(ui8, {1, 7}), {255, 254}},
       {"si64 mul wraps", OP(Mul), ints(si64, {i64max, i64min}), ints(si64, {2, -1}), {-2, i64min}},
-      {"ui64 min", OP(Min), ints(ui64, {-1, 5}), ints(ui64, {1, 6}), {1, 5}},
+      // Through double, saturated to the type.
       {"si32 pow", OP(Pow), ints(si32, {2, 2, -2, 3, 0, -8}), ints(si32, {10, 31, 31, -1, 0, 3}),
        {1024, INT32_MAX, i32min, 0, 1, -512}},
-      {"ui8 pow saturates", OP(Pow), ints(ui8, {2, 16}), ints(ui8, {8, 2}), {255, 255}},
       {"si64 pow", OP(Pow), ints(si64, {-2, 10}), ints(si64, {63, 19}), {i64min, i64max}},
       {"and", OP(BitwiseAnd), ints(si16, {0x0ff0, -1}), ints(si16, {0x00ff, -32768}), {0x00f0, -32768}},
       {"or", OP(BitwiseOr), ints(ui8, {0xf0, 1}), ints(ui8, {0x0f, 2}), {0xff, 3}},
@@ -133,39 +128,21 @@ TEST(BinaryFloats, IeeeSpecialValuesAndHalfThroughFloat) {
        {1.5f, -1.5f, 1.5f, 1, kNaN, kNaN}},
       {"Max", OP(Max), {kNaN, 1, -0.0f, 0.0f, -kInf}, {1, kNaN, 0.0f, -0.0f, -3}, {kNaN, kNaN, 0.0f, 0.0f, -3}},
       {"Min", OP(Min), {kNaN, 1, -0.0f, 0.0f, kInf}, {1, kNaN, 0.0f, -0.0f, -3}, {kNaN, kNaN, -0.0f, -0.0f, -3}},
+      {"Div", OP(Div), {1, -2, 1}, {3, 3, -0.0f}, {1.0f / 3, -2.0f / 3, -kInf}},
       {"Pow", OP(Pow), {2, -8, 0, 10, 2, -1}, {10, 1.0f / 3, 0, 38.5f, -1075, kInf},
        {1024, kNaN, 1, float(std::pow(10.0, 38.5)), 0, 1}},
   };
   for (const auto& [what, op, lhs, rhs, expected] : cases) {
     const long n = long(lhs.size());
     const auto out = valuesOf<float>(op(f32s({n}, lhs), f32s({n}, rhs)));
-    for (long i = 0; i < n; ++i) EXPECT_PRED2(sameFloat, out[i], expected[i]) << what << ": " << lhs[i] << ", " << rhs[i];
-  }
-  Tensor one = tensorOf<double>(f64, {1}, {1.0}), three = tensorOf<double>(f64, {1}, {3.0});
-  EXPECT_EQ(valuesOf<double>(OP(Div)(one, three))[0], 1.0 / 3.0) << "f64 runs in double";
-  // f16: the f32 result of the widened operands, rounded once to nearest even.
-  std::mt19937 rng(7);
-  std::vector<uint16_t> a(20000), b(20000);
-  for (size_t i = 0; i < a.size(); ++i) a[i] = uint16_t(rng()), b[i] = uint16_t(rng());
-  a[0] = 0x7c00, b[0] = 0xfc00;  // inf + -inf
-  a[1] = 0x7bff, b[1] = 0x7bff;  // overflow
-  a[2] = 0x0001, b[2] = 0x3800;  // subnormal times a half
-  Tensor lhs = tensorOf<uint16_t>(f16, {long(a.size())}, a), rhs = tensorOf<uint16_t>(f16, {long(b.size())}, b);
-  const std::pair<const char*, Binary> ops[] = {{"Add", OP(Add)}, {"Sub", OP(Sub)}, {"Mul", OP(Mul)},
-                                                {"Div", OP(Div)}, {"Rem", OP(Rem)}, {"Max", OP(Max)}};
-  for (const auto& [name, op] : ops) {
-    const auto fromHalf = bitsOf<half>(op(lhs, rhs));
-    const auto fromFloat = valuesOf<float>(op(lhs.cast(f32), rhs.cast(f32)));
-    for (size_t i = 0; i < a.size(); ++i) {
-      // With two NaN operands, which payload survives is not guaranteed.
-      const uint16_t expected = floatToHalfBits(fromFloat[i]);
-      if ((expected & 0x7fff) > 0x7c00 && (fromHalf[i] & 0x7fff) > 0x7c00) continue;
-      ASSERT_EQ(fromHalf[i], expected) << name << " " << i;
+    // f16 (the operands rounded to f16 give the same f32 results here): the
+    // f32 result rounded once.
+    const auto halves = valuesOf<float>(op(f32s({n}, lhs).cast(f16), f32s({n}, rhs).cast(f16)).cast(f32));
+    for (long i = 0; i < n; ++i) {
+      EXPECT_PRED2(sameFloat, out[i], expected[i]) << what << ": " << lhs[i] << ", " << rhs[i];
+      EXPECT_PRED2(sameFloat, halves[i], half(expected[i]).toFloat()) << what << " f16: " << lhs[i] << ", " << rhs[i];
     }
   }
-  // Pow goes from double to f16 in one rounding: 2^3, and 2^16 overflows.
-  Tensor two = tensorOf<uint16_t>(f16, {2}, {0x4000, 0x4000}), exps = tensorOf<uint16_t>(f16, {2}, {0x4200, 0x4c00});
-  EXPECT_EQ(bitsOf<half>(OP(Pow)(two, exps)), (std::vector<uint16_t>{0x4800, 0x7c00}));
 }
 
 TEST(BinaryPredicates, ComparisonsAndLogicalOperators) {
@@ -180,18 +157,16 @@ TEST(BinaryPredicates, ComparisonsAndLogicalOperators) {
     Tensor out = op(lhs, rhs);
     EXPECT_EQ(out.elementType(), bool8) << "bool8 when fout's type is unset";
     EXPECT_EQ(valuesOf<uint8_t>(out), expected) << i;
-    EXPECT_EQ(valuesOf<uint8_t>(op(lhs.cast(f16), rhs.cast(f16))), expected) << i << " f16";
-    // Any other output type receives 1 or 0.
-    EXPECT_EQ(valuesOf<double>(op(lhs, rhs, si32).cast(f64)), std::vector<double>(expected.begin(), expected.end()));
+    // Any other output type set by the caller is kept and receives 1 or 0.
+    Tensor typed = op(lhs, rhs, si32);
+    ASSERT_EQ(typed.elementType(), si32);
+    EXPECT_EQ(valuesOf<int32_t>(typed), std::vector<int32_t>(expected.begin(), expected.end()));
   }
-  // Integers compare by value over their whole range, unsigned included.
+  // Unsigned integers compare as such over their whole range.
   EXPECT_EQ(valuesOf<uint8_t>(OP(Greater)(ints(ui64, {INT64_MIN, 0}), ints(ui64, {1, 0}))), (std::vector<uint8_t>{1, 0}));
-  EXPECT_EQ(valuesOf<uint8_t>(OP(Less)(ints(si64, {INT64_MIN, -1}), ints(si64, {INT64_MAX, 0}))),
-            (std::vector<uint8_t>{1, 1}));
   // bool8 operands: any non-zero byte is true and compares as 1.
   Tensor p = tensorOf<uint8_t>(bool8, {4}, {2, 0, 1, 7}), q = tensorOf<uint8_t>(bool8, {4}, {1, 0, 0, 0});
   EXPECT_EQ(valuesOf<uint8_t>(OP(Equal)(p, q)), (std::vector<uint8_t>{1, 1, 0, 0}));
-  EXPECT_EQ(valuesOf<uint8_t>(OP(LogicalXor)(p, q)), (std::vector<uint8_t>{0, 0, 1, 1}));
 }
 
 TEST(Where, SelectorSenseTypesAndBroadcasting) {
@@ -211,21 +186,13 @@ TEST(Where, SelectorSenseTypesAndBroadcasting) {
     EXPECT_EQ(out.type(), TensorType(f32, {2, 3}));
     EXPECT_EQ(bitsOf<float>(out), expected) << elementTypeName(sls.elementType());
   }
-  // Other value widths are copied bit for bit too, a signalling NaN included.
-  Tensor s = tensorOf<uint8_t>(bool8, {2}, {1, 0}), out64 = Tensor::create(si64, {2}), out16 = Tensor::create(f16, {2});
-  ASSERT_TRUE(native::Where(out64, ints(si64, {INT64_MIN, 1}), ints(si64, {7}), s).ok());
-  EXPECT_EQ(valuesOf<int64_t>(out64), (std::vector<int64_t>{INT64_MIN, 7}));
-  ASSERT_TRUE(native::Where(out16, tensorOf<uint16_t>(f16, {2}, {0x7d01, 0x3c00}), Tensor::create(f16, {2}), s).ok());
-  EXPECT_EQ(bitsOf<half>(out16)[0], 0x7d01);
 }
 
 TEST(BinaryTrace, LinesNameEachOperandsOwnCoordinate) {
   Tensor lhs = f32s({3, 1}, {1, 2, 3}), rhs = f32s({4}, {10, 20, 30, 40.5f}), sls = tensorOf<uint8_t>(bool8, {1, 4}, {1, 0, 1, 0});
   const std::tuple<std::function<Tensor()>, std::vector<long>, std::vector<std::string>> cases[] = {
-      {[&] { return OP(Add)(lhs, rhs); }, {2, 3}, {"fout[2, 3] = add(lhs[2, 0], rhs[3]) // add(3, 40.5) -> 43.5 "}},
       {[&] { return runKernel(native::WhereConfig, native::Where, Tensor(), lhs, rhs, sls); },
        {2, 1}, {"fout[2, 1] = ternary_select(lhs[2, 0], rhs[1], sls[0, 1]) // ternary_select(3, 20, 0) -> 20 "}},
-      {[&] { return OP(Mod)(lhs, rhs); }, {3, 0}, {}},  // outside the output
       {[&] {  // in place: the line shows the original operand
          Tensor a = ints(si32, {5, 6, 7});
          EXPECT_TRUE(native::Sub(a, a, ints(si32, {10})).ok());
@@ -238,23 +205,14 @@ TEST(BinaryTrace, LinesNameEachOperandsOwnCoordinate) {
 TEST(BinaryFailures, ExactTextsAndNothingWritten) {
   Tensor fs = f32s({2}, {1, 2}), is = ints(si32, {1, 2}), out = f32s({2}, {9, 9});
   Tensor bools = tensorOf<uint8_t>(bool8, {2}, {9, 9});
-  Tensor rank3 = Tensor::create(f32, {1, 1, 2}), three = Tensor::create(f32, {3}), untyped;
-  Tensor grid = Tensor::create(f32, {2, 3}), tall = Tensor::create(f32, {4, 3});
+  Tensor three = Tensor::create(f32, {3});
   expectFailures({
       {"type mismatch", CALL(Add(out, fs, is))},
       {"input type miss", CALL(Less(bools, fs, is))},
-      {"rank of fout is less than lhs and rhs", CALL(Mul(out, rank3, fs))},
       {"axis 0 size not match for all fins", CALL(Sub(out, fs, three))},
-      {"Add config error: axis 0 size not match for all fins", CALL(AddConfig(untyped, grid, tall))},
-      {"Equal config error: lhs and rhs must both valid", CALL(EqualConfig(untyped, fs, Tensor()))},
       {"type mismatch, fout: f32, lhs: f32, rhs: si32", CALL(Where(out, fs, is, bools))},
-      {"rank of fout is less than lhs, rhs or sls", CALL(Where(out, fs, fs, rank3))},
-      {"Where config error: axis 0 size not match for all fins", CALL(WhereConfig(untyped, fs, fs, three))},
   });
   EXPECT_EQ(valuesOf<float>(out), (std::vector<float>{9, 9}));
   EXPECT_EQ(valuesOf<uint8_t>(bools), (std::vector<uint8_t>{9, 9}));
-  Tensor typed(f16, {});
-  ASSERT_TRUE(native::MaxConfig(typed, fs, Tensor::create(f32, {3, 1})).ok());
-  EXPECT_EQ(typed.type(), TensorType(f16, {3, 2})) << "a type set by the caller is kept";
 }
 

@@ -1,11 +1,8 @@
 // The one-input elementwise kernels (ReLU, Cast, FakeCast and Lut included):
 // formulas bit for bit against the single precision libm expression (with
 // evidence that the inputs tell it apart from a double precision, fused or
-// reordered evaluation), f16 through f32 on every pattern, hand-worked
-// values of the documented choices, integer members, layouts, trace lines,
-// failures.
-#include <cfenv>
-
+// reordered evaluation), hand-worked values of the documented choices (f16
+// included), integer members, layouts, trace lines, failures.
 #include "NativeTest.h"
 
 using namespace kora;
@@ -43,8 +40,6 @@ TEST(UnaryFormulas, SinglePrecisionInTheWrittenOrder) {
       {"Swish", PLAIN(Swish), [](float x) { return x * (1.0f / (expf(-x) + 1.0f)); }},
       {"Mish", PLAIN(Mish), [=](float x) { return mish(logf(expf(x) + 1.0f), x); }},
       {"GELU", PLAIN(GELU), [](float x) { return x * 0.5f * (erff(x / 1.4142135f) + 1.0f); }},
-      {"GELUV2 none", BOUND(GELUV2, std::string("none")),
-       [](float x) { return x * 0.5f * (erff(x / 1.4142135f) + 1.0f); }},
       {"GELUV2 tanh", BOUND(GELUV2, std::string("tanh")),
        [](float x) { return 0.5f * x * (1.0f + tanhf(0.7978845f * (x + 0.044715f * x * x * x))); }},
       {"Softplus(2, 15)", BOUND(Softplus, 2.0, 15.0),
@@ -78,31 +73,14 @@ TEST(UnaryFormulas, SinglePrecisionInTheWrittenOrder) {
   }
 }
 
-TEST(UnaryFormulas, HalfIsTheFloatResultRoundedToNearestEvenForEveryPattern) {
-  std::vector<uint16_t> patterns(65536);
-  std::vector<float> widened(65536);
-  for (uint32_t h = 0; h < 65536; ++h) patterns[h] = uint16_t(h), widened[h] = halfBitsToFloat(uint16_t(h));
-  Tensor halves = tensorOf<uint16_t>(f16, {65536}, patterns), floats = f32s({65536}, widened);
-  const std::pair<const char*, Member> members[] = {
-      {"Sigmoid", PLAIN(Sigmoid)}, {"Round(1)", BOUND(Round, int64_t(1))}, {"ReLU", PLAIN(ReLU)},
-      {"LogicalNot", PLAIN(LogicalNot)}, {"ClampF", BOUND(ClampF, -2.0, 3.5)},
-      {"NanToNum", BOUND(NanToNum, 7.0, 100.0, -100.0)},
-  };
-  for (const auto& [name, member] : members) {
-    const auto fromHalf = bitsOf<half>(member(halves));
-    const auto fromFloat = valuesOf<float>(member(floats));
-    for (uint32_t h = 0; h < 65536; ++h) ASSERT_EQ(fromHalf[h], floatToHalfBits(fromFloat[h])) << name << std::hex << h;
-  }
-}
-
 TEST(UnaryValues, HandWorkedResults) {
   const std::tuple<const char*, Member, std::vector<float>, std::vector<float>> cases[] = {
       {"ReLU: -0, NaN and -inf give +0", PLAIN(ReLU), {-0.0f, 1e-45f, -1e-45f, kNaN, -kInf, kInf},
        {0.0f, 1e-45f, 0.0f, 0.0f, 0.0f, kInf}},
-      {"Hardsigmoid of NaN is 1", BOUND(Hardsigmoid, 0.2f, 0.5f), {kNaN, 10, -10, 0}, {1, 1, 0, 0.5f}},
-      {"ClampF keeps NaN", BOUND(ClampF, -1.0, 2.0), {kNaN, -5, 5, 0.5f, -kInf}, {kNaN, -1, 2, 0.5f, -1}},
-      {"ClampF lower bound first", BOUND(ClampF, 3.0, 1.0), {0.0f, 2.0f, 5.0f}, {1.0f, 1.0f, 1.0f}},
+      {"ClampF keeps NaN, lower bound first", BOUND(ClampF, 3.0, 1.0), {kNaN, 0.0f, 2.0f, 5.0f}, {kNaN, 1, 1, 1}},
+      {"Softplus: the threshold itself is not above it", BOUND(Softplus, 1.0, 0.0), {0.0f, 1.0f}, {logf(2.0f), 1.0f}},
       {"Round to tens", BOUND(Round, int64_t(-1)), {15.0f, 25.0f, 26.0f}, {20.0f, 20.0f, 30.0f}},
+      {"PRelu, one slope for all", BOUND(PRelu, f32s({1}, {0.25f})), {-1, 2, -0.0f, kNaN, -kInf}, {-0.25f, 2, -0.0f, kNaN, -kInf}},
       {"Sign", PLAIN(Sign), {-3.0f, 0.25f, 0.0f, -0.0f, kNaN, -kInf}, {-1.0f, 1.0f, 0.0f, -0.0f, kNaN, -1.0f}},
       {"NanToNum", BOUND(NanToNum, 0.0, 1e300, -5.0), {kNaN, kInf, -kInf, -7.0f}, {0.0f, kInf, -5.0f, -7.0f}},
       {"LogicalNot", PLAIN(LogicalNot), {0.0f, -0.0f, kNaN, 1e-45f, -3.0f}, {1.0f, 1.0f, 0.0f, 0.0f, 0.0f}},
@@ -116,16 +94,6 @@ TEST(UnaryValues, HandWorkedResults) {
   // in f32 would give 0.3 and round up to 1229 * 2^-12.
   Tensor three = tensorOf<uint16_t>(f16, {1}, {floatToHalfBits(-3.0f)});
   EXPECT_EQ(valuesOf<half>(BOUND(LeakyReLU, 0.1)(three))[0].toFloat(), -1228.0f / 4096.0f);
-  // NanToNum's replacements overflow in the element type.
-  Tensor special = tensorOf<uint16_t>(f16, {3}, {0x7e00, 0x7c00, 0xfc00});
-  EXPECT_EQ(bitsOf<half>(BOUND(NanToNum, 1.0, 65504.0, -70000.0)(special)),
-            (std::vector<uint16_t>{0x3c00, 0x7bff, 0xfc00}));
-  // Round leaves the thread in round-to-nearest, whatever it found.
-  std::fesetround(FE_UPWARD);
-  const auto rounded = valuesOf<float>(BOUND(Round, int64_t(0))(f32s({2}, {2.5f, 0.125f})));
-  EXPECT_EQ(std::fegetround(), FE_TONEAREST);
-  std::fesetround(FE_TONEAREST);
-  EXPECT_EQ(rounded, (std::vector<float>{2.0f, 0.0f}));
 }
 
 TEST(UnaryIntegers, HandWorkedOnEveryWidth) {
@@ -133,21 +101,19 @@ TEST(UnaryIntegers, HandWorkedOnEveryWidth) {
   std::vector<int64_t> all8, inverted8, table(256);
   for (int x = -128; x < 128; ++x) all8.push_back(x), inverted8.push_back(-x - 1);  // ~x == -x - 1
   for (int i = 0; i < 256; ++i) table[size_t(i)] = 3 * i + 1;  // wrapped to si8 by ints()
-  const int64_t i64min = INT64_MIN, i64max = INT64_MAX;
+  const int64_t i64max = INT64_MAX;
   // Clamp's bounds are truncated to the element width, the lower applied first.
   const std::tuple<const char*, Member, Tensor, std::vector<int64_t>> cases[] = {
-      {"min > max: everything is max", BOUND(Clamp, int64_t(5), int64_t(3)), ints(si8, bytes), {3, 3, 3, 3, 3, 3, 3}},
+      // Truncated, 300 is 44 and 1000 is -24: min > max, everything is max.
       {"300 is 44, 1000 is -24", BOUND(Clamp, int64_t(300), int64_t(1000)), ints(si8, bytes), {-24, -24, -24, -24,
        -24, -24, -24}},
-      {"si64 clamp", BOUND(Clamp, int64_t(-7), int64_t(1) << 40), ints(si64, {i64min, 0, i64max}), {-7, 0, 1l << 40}},
       {"si8 not", PLAIN(BitwiseNot), ints(si8, all8), inverted8},
       {"bool8 bytes", PLAIN(LogicalNot), tensorOf<uint8_t>(bool8, {4}, {0, 1, 2, 255}), {1, 0, 0, 0}},
       {"si64 relu", PLAIN(ReLU), ints(si64, {-1, i64max}), {0, i64max}},
       {"prelu products wrap", BOUND(PRelu, ints(si8, {2, 50, 9, -128})), ints(si8, {-128, -3, 5, -1}), {0, 106, 5, -128}},
       // Lut: entry 0 belongs to the lowest value; tables may be strided, inputs transposed.
       {"lut si8", BOUND(Lut, ints(si8, table)), ints(si8, {-128, -1, 0, 127}), {1, 126, -127, -2}},
-      {"lut ui16", BOUND(Lut, ints(ui16, {10, 0, 11, 0, 12, 0, 13, 0}).slice(0, 0, 8, 2)), ints(ui16, {3, 0, 2}), {13, 10, 12}},
-      {"lut si16", BOUND(Lut, ints(si16, {40, 41, 42, 43})),
+      {"lut si16", BOUND(Lut, ints(si16, {40, 0, 41, 0, 42, 0, 43, 0}).slice(0, 0, 8, 2)),
        tensorOf<int16_t>(si16, {2, 2}, {-32768, -32767, -32766, -32765}).permute({1, 0}), {40, 42, 41, 43}},
   };
   for (const auto& [what, member, in, expected] : cases) {
@@ -158,71 +124,40 @@ TEST(UnaryIntegers, HandWorkedOnEveryWidth) {
   }
 }
 
-TEST(UnaryPRelu, SlopeAtTheElementsOwnCoordinate) {
-  // Per-channel slope [2, 1] against [2, 3]; equal shapes; a single value.
-  Tensor in = f32s({2, 3}, {-1.0f, 2.0f, -0.0f, -4.0f, kNaN, -kInf});
-  const std::pair<Tensor, std::vector<float>> cases[] = {
-      {f32s({2, 1}, {0.5f, -2.0f}), {-0.5f, 2.0f, -0.0f, 8.0f, kNaN, kInf}},
-      {f32s({2, 3}, {1, 2, 3, 4, 5, 6}), {-1.0f, 2.0f, -0.0f, -16.0f, kNaN, -kInf}},
-      {f32s({1}, {0.25f}), {-0.25f, 2.0f, -0.0f, -1.0f, kNaN, -kInf}},
+TEST(UnaryTrace, InPlaceTheLineShowsTheOriginalInput) {
+  auto run = [] {
+    Tensor inPlace = f32s({2, 2}, {-1.5f, 0.25f, kNaN, 4.0f});
+    EXPECT_TRUE(native::Sigmoid(inPlace, inPlace).ok());
+    return inPlace;
   };
-  for (const auto& [slope, expected] : cases) {
-    const auto out = valuesOf<float>(BOUND(PRelu, slope)(in));
-    for (size_t i = 0; i < out.size(); ++i) EXPECT_PRED2(sameFloat, out[i], expected[i]) << slope.rank() << ": " << i;
-  }
-}
-
-TEST(UnaryTrace, LinesForTheTracedCoordinate) {
-  // In place: the line shows the original input.
-  const std::vector<float> values = {-1.5f, 0.25f, kNaN, 4.0f};
-  const std::tuple<std::function<Tensor()>, std::vector<long>, std::vector<std::string>> cases[] = {
-      {[&] {
-         Tensor inPlace = f32s({2, 2}, values);
-         EXPECT_TRUE(native::Sigmoid(inPlace, inPlace).ok());
-         return inPlace;
-       }, {0, 1}, {"fout[0, 1] = sigmoid(fin[0, 1]) // sigmoid(0.25) -> 0.5621765 "}},
-      {[&] { return PLAIN(ReLU)(f32s({2, 2}, values)); }, {2, 0}, {}},  // outside the output
-  };
-  for (const auto& [run, point, lines] : cases) expectTrace(run, point, lines);
+  expectTrace(run, {0, 1}, {"fout[0, 1] = sigmoid(fin[0, 1]) // sigmoid(0.25) -> 0.5621765 "});
 }
 
 TEST(UnaryFailures, ExactTextsAndNothingWritten) {
   Tensor f32In = f32s({2}, {-1, 1}), si32In = ints(si32, {-1, 1}), f32Out = f32s({2}, {7, 7});
   Tensor si32Out = ints(si32, {7, 7}), u8Out = ints(ui8, {7, 7, 7, 7, 7}), f32Wide = Tensor::create(f32, {3});
-  Tensor h16 = Tensor::create(f16, {2}), untyped, grid = Tensor::create(f32, {2, 3}), odd = Tensor::create(f32, {2, 2});
-  Tensor target = f32s({2, 3}, {9, 9, 9, 9, 9, 9}), table = ints(ui8, {1, 2, 3, 4}), lutIn = ints(ui8, {0, 3, 4, 9, 1});
-  Tensor rank3 = Tensor::create(f32, {2, 2, 3}), matrix = Tensor::create(ui8, {2, 2});
+  Tensor untyped;
+  Tensor table = ints(ui8, {1, 2, 3, 4}), lutIn = ints(ui8, {0, 3, 4, 9, 1});
   expectFailures({
       {"shape mismatch", CALL(Sigmoid(f32Wide, f32In))},
-      {"type mismatch", CALL(Tanh(f32Out, si32In))},
       {"only support none or tanh approximate.", CALL(GELUV2(f32Out, f32In, "exact"))},
       {"numToNum fin should be in [float32, float16]", CALL(NanToNum(si32Out, si32In, 0, 0, 0))},
-      {"round fin should be in [float32, float16]", CALL(Round(si32Out, si32In, 0))},
-      {"must be integral", CALL(BitwiseNot(f32Out, f32In))},
-      {"Hardsigmoid config error: lhs and rhs must both valid", CALL(HardsigmoidConfig(untyped, Tensor(), 1, 1))},
-      {"PRelu config error: shape mismatch", CALL(PReluConfig(untyped, grid, rank3))},
-      {"PRelu config error: axis 1 size not match for all fins", CALL(PReluConfig(untyped, grid, odd))},
-      {"type mismatch", CALL(PRelu(target, grid, ints(si8, {1})))},
+      {"type mismatch", CALL(PRelu(f32Out, f32In, ints(si8, {1})))},
       {"CastOp config error: invalid fout ElementType", CALL(CastConfig(untyped, f32In, false))},
-      {"input and output type must be float32", CALL(FakeCast(f32Out, h16, f16))},
       {"only float16 is supported as dtype", CALL(FakeCast(f32Out, f32In, vbf16))},
+      // The first index past the table, found before anything is written.
       {"lut index 4 out of range for a table of 4 entries", CALL(Lut(u8Out, lutIn, table))},
-      {"table must have rank 1", CALL(Lut(u8Out, u8Out, matrix))},
   });
   EXPECT_EQ(valuesOf<float>(f32Out), (std::vector<float>{7, 7}));
-  EXPECT_EQ(valuesOf<int32_t>(si32Out), (std::vector<int32_t>{7, 7}));
   EXPECT_EQ(valuesOf<uint8_t>(u8Out), std::vector<uint8_t>(5, 7));
-  EXPECT_EQ(valuesOf<float>(target), std::vector<float>(6, 9));
 }
 
-TEST(Cast, SaturateFlagHalfRoundingAndBitCopies) {
+TEST(Cast, SaturateFlagAndTheRoundTripThroughHalf) {
   auto cast = [](ElementType type, const Tensor& in, bool saturate) {
     return valuesOf<double>(runKernel(native::CastConfig, native::Cast, Tensor(type, {}), in, saturate).cast(f64));
   };
-  // f32 -> f16 rounds to nearest even; 65520 overflows unless saturating, an infinity stays.
-  Tensor big = f32s({2}, {65520.0f, -kInf}), wide = ints(si32, {300, -129, 255, -1});
-  EXPECT_EQ(cast(f16, big, false), (std::vector<double>{INFINITY, -INFINITY}));
-  EXPECT_EQ(cast(f16, big, true), (std::vector<double>{65504, -INFINITY}));
+  // Integers wrap, or saturate with the flag.
+  Tensor wide = ints(si32, {300, -129, 255, -1});
   EXPECT_EQ(cast(si8, wide, false), (std::vector<double>{44, 127, -1, -1}));
   EXPECT_EQ(cast(si8, wide, true), (std::vector<double>{127, -128, 127, -1}));
   // FakeCast rounds through f16 and back.

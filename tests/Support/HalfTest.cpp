@@ -68,11 +68,10 @@ TEST(Half, EveryPatternWidensExactlyAndNarrowsBackAndEveryTieRoundsToEven) {
     }
   }
   for (float x : {INFINITY, -INFINITY, 65519.996f, 65520.f, -0.f, 1e-30f}) EXPECT_EQ(floatToHalfBits(x), nearestHalf(x)) << x;
-  // bfloat16: ties to even, a carry into the exponent, overflow to infinity, NaN stays quiet NaN.
-  const std::pair<uint32_t, uint16_t> cases[] = {{0x3f808000u, 0x3f80}, {0x3f818000u, 0x3f82}, {0x3f808001u, 0x3f81},
-                                                 {0x3fffffffu, 0x4000}, {0x7f7fffffu, 0x7f80}};
-  for (auto [in, out] : cases) EXPECT_EQ(floatToBf16Bits(std::bit_cast<float>(in)), out) << std::hex << in;
-  EXPECT_EQ(floatToBf16Bits(std::bit_cast<float>(0x7f800001u)) & 0x7fc0, 0x7fc0);
+  // bfloat16 (its ties and NaNs are cast rows in TensorTest): a carry into
+  // the exponent, overflow to infinity.
+  EXPECT_EQ(floatToBf16Bits(std::bit_cast<float>(0x3fffffffu)), 0x4000);
+  EXPECT_EQ(floatToBf16Bits(std::bit_cast<float>(0x7f7fffffu)), 0x7f80);
 }
 
 TEST(FloatFormat, BinaryThirtyTwoRoundingMatchesTheHardware) {
@@ -84,8 +83,6 @@ TEST(FloatFormat, BinaryThirtyTwoRoundingMatchesTheHardware) {
     ASSERT_TRUE(std::isnan(d) || std::bit_cast<uint32_t>(doubleToFloat(d)) == std::bit_cast<uint32_t>(static_cast<float>(d))) << d;
     ASSERT_EQ(std::bit_cast<uint32_t>(doubleToFloat(near)), std::bit_cast<uint32_t>(static_cast<float>(near)));
   }
-  for (int64_t v : {int64_t(1) << 60, (int64_t(1) << 53) + 1, INT64_MAX, int64_t(16777217)})
-    EXPECT_EQ(uint32_t(roundIntegerToFormat<8, 23>(false, uint64_t(v))), std::bit_cast<uint32_t>(static_cast<float>(v))) << v;
 }
 
 #if defined(__SANITIZE_ADDRESS__)

@@ -5,7 +5,6 @@
 
 #include <sys/wait.h>
 
-#include <numeric>
 #include <sstream>
 
 #include "Cli.h"
@@ -52,21 +51,15 @@ Result program(const std::vector<std::string>& args, const test::TempDir& dir) {
 }  // namespace
 
 TEST(KoraCommand, HelpAndList) {
-  const std::pair<std::vector<std::string>, std::string> help[] = {
-      {{"--help"}, "usage: kora COMMAND [ARGS]\n"}, {{"-h"}, "usage: kora COMMAND [ARGS]\n"}, {{"help"}, "usage: kora COMMAND [ARGS]\n"},
-      {{"list", "--help"}, "usage: kora list"}, {{"help", "run"}, "usage: kora run"}};
-  for (const auto& [args, usage] : help) {
-    Result r = command(args);
-    EXPECT_EQ(r.status, 0) << usage;
-    EXPECT_EQ(r.out.substr(0, usage.size()), usage);
-  }
+  const std::pair<std::vector<std::string>, std::string> help[] = {{{"list", "--help"}, "usage: kora list"},
+                                                                    {{"help", "run"}, "usage: kora run"}};
+  for (const auto& [args, usage] : help) EXPECT_EQ(command(args).out.substr(0, usage.size()), usage);
   EXPECT_EQ(command({"list"}).out,
-            "test::Scale    outputs: Tensor          inputs: Tensor, double, int64_t[] = [], int8_t = 0\n"
-            "test::Split    outputs: Tensor, Tensor  inputs: Tensor, float\n"
-            "test::Fill     outputs: Tensor          inputs: double  (no Config)\n"
-            "test::Concat   outputs: Tensor          inputs: Tensor[]\n"
-            "test::Convert  outputs: Tensor          inputs: Tensor, string, uint64_t, bool\n");
-  for (auto [pattern, lines] : {std::pair{"SPLIT", 1}, {"test::S*", 2}, {"*::Con*", 2}, {"c", 3}}) {
+            "test::Scale   outputs: Tensor          inputs: Tensor, double, int64_t[] = [], int8_t = 0\n"
+            "test::Split   outputs: Tensor, Tensor  inputs: Tensor, float\n"
+            "test::Fill    outputs: Tensor          inputs: double  (no Config)\n"
+            "test::Concat  outputs: Tensor          inputs: Tensor[]\n");
+  for (auto [pattern, lines] : {std::pair{"SPLIT", 1}, {"test::S*", 2}}) {
     Result r = command({"list", pattern});
     EXPECT_EQ(r.status, 0) << pattern;
     EXPECT_EQ(std::count(r.out.begin(), r.out.end(), '\n'), lines) << pattern;
@@ -76,7 +69,6 @@ TEST(KoraCommand, HelpAndList) {
 TEST(KoraCommand, MisuseAndFailuresExitWithTheirStatusAndOneMessage) {
   test::TempDir dir;
   const std::string in = save(dir, "in.npy", f32({2}, {1.f, -2.f}));
-  const std::string ints = save(dir, "ints.npy", tensorOf<int32_t>(ElementType::si32, {2}, {1, 2}));
   const std::string e = save(dir, "e.npy", f32({2, 2}, {1, 2, 3, 4}));
   const std::string run = "kora run: error: ", compare = "kora compare: error: ", convert = "parameter fails to convert. Kernel expect type is ";
   struct Case { std::vector<std::string> args; int status; std::string err; };
@@ -84,36 +76,19 @@ TEST(KoraCommand, MisuseAndFailuresExitWithTheirStatusAndOneMessage) {
       {{}, 2, "usage: kora COMMAND [ARGS]\n"},  // (the start of the text)
       {{"frobnicate"}, 2, "kora: error: unknown command 'frobnicate' (commands: list, run, compare, show)\n"},
       {{"show", "--all=yes", "x"}, 2, "kora show: error: option '--all' takes no value\n"},
-      {{"compare", "a", "b", "--rtol"}, 2, compare + "option '--rtol' needs a value\n"},
-      {{"list", "nothing"}, 1, "kora list: no kernel matches 'nothing'\n"},
-      {{"list", "a", "b"}, 2, "kora list: error: takes at most one PATTERN\n"},
-      {{"run"}, 2, run + "missing KERNEL (see 'kora list')\n"},
       {{"run", "scale", in}, 2, run + "no kernel is registered as \"scale\" (did you mean \"test::Scale\"?)\n"},
-      {{"run", "test::Nothing"}, 2, run + "no kernel is registered as \"test::Nothing\" (see 'kora list')\n"},
       {{"run", "test::Scale", in, "abc"}, 2, run + "test::Scale: 2-th " + convert + "double, but got a type string (argument 'abc')\n"},
-      {{"run", "test::Scale", in, "1", "[1.5]"}, 2, run + "test::Scale: 3-th " + convert + "int64_t[], but got a type double[] (argument '[1.5]')\n"},
       {{"run", "test::Scale", in, "1", "[]", "300"}, 2, run + "test::Scale: 4-th " + convert + "int8_t, but got a type int64_t (argument '300')\n"},
       {{"run", "test::Scale", in, "1", "[]", "1", "5"}, 2, run + "test::Scale expects 4 inputs, but got 5\n"},
-      {{"run", "test::Scale", dir / "none.npy", "1"}, 2, run + dir / "none.npy" + ": cannot open: No such file or directory\n"},
       {{"run", "test::Scale", in, "1", "-o", "a.npy", "-o", "b.npy"}, 2, run + "test::Scale has 1 output, but 2 were given with -o\n"},
       {{"run", "test::Fill", "1"}, 2, run + "test::Fill: output 0 has no element type; pass it with one\n"},
-      {{"run", "test::Fill", "1", "-t", "f99"}, 2, run + "-t 'f99': unknown element type 'f99'\n"},
-      {{"run", "test::Fill", "1", "-t", "f32:2xa"}, 2, run + "-t 'f32:2xa': 'a' is not a size\n"},
       {{"run", "test::Scale", in, "1", "--trace", "1,x"}, 2, run + "--trace '1,x' is not a coordinate such as 1,0,3\n"},
-      {{"run", "test::Convert", in, "-x", "f32", "true"}, 2, run + "unknown option '-x'\n"},
       // Failures the kernel itself reports: status 1, the first line of the message; nothing is written.
       {{"run", "test::Scale", in, "1", "[]", "13", "-o", dir / "never.npy"}, 1,
        run + "test::Scale config function call failure! Scale config error: unlucky offset\n"},
-      {{"run", "test::Scale", ints, "1"}, 1, run + "test::Scale impl function call failure! only f32\n"},
-      {{"run", "test::Convert", in, "--", "-x", "f32", "true"}, 1, run + "test::Convert impl function call failure! unknown mode -x\n"},
-      {{"run", "test::Scale", in, "1", "-o", dir / "missing/b.npy"}, 2, run + dir / "missing/b.npy" + ": cannot write: No such file or directory\n"},
       {{"compare", e}, 2, compare + "needs EXPECTED and ACTUAL, got 1 file\n"},
       {{"compare", e, e, "--rtol", "-1"}, 2, compare + "--rtol '-1' is not a non-negative number\n"},
-      {{"compare", e, e, "--worst", "1.5"}, 2, compare + "--worst '1.5' is not a count\n"},
       {{"compare", e, save(dir, "v.npy", f32({4}, {1, 2, 3, 4}))}, 2, compare + dir / "v.npy" + " against " + e + ": shape mismatch: expected 2x2, actual 4\n"},
-      {{"compare", e, save(dir, "o.kora", Tensor::create(ElementType::opaque32, {2, 2}))}, 2,
-       compare + dir / "o.kora" + " against " + e + ": element type opaque32 of actual has no numeric reading\n"},
-      {{"show"}, 2, "kora show: error: needs one FILE, got 0\n"},
   };
   for (const Case& c : cases) {
     Result r = command(c.args);
@@ -121,7 +96,7 @@ TEST(KoraCommand, MisuseAndFailuresExitWithTheirStatusAndOneMessage) {
     EXPECT_EQ(c.args.empty() ? r.err.substr(0, c.err.size()) : r.err, c.err);
     EXPECT_EQ(r.out, "") << c.err;
   }
-  EXPECT_EQ(dir.names(), (std::vector<std::string>{"e.npy", "in.npy", "ints.npy", "o.kora", "v.npy"}));
+  EXPECT_EQ(dir.names(), (std::vector<std::string>{"e.npy", "in.npy", "v.npy"}));
   // -v adds the rest of the layer's message.
   Result r = command({"run", "test::Scale", in, "1", "[]", "13", "-v"});
   EXPECT_EQ(r.err.rfind(run + "test::Scale config function call failure! Scale config error: unlucky offset\n"
@@ -139,7 +114,6 @@ TEST(KoraCommand, RunConvertsEachArgumentByItsParameterKindAndWritesOrShowsOutpu
       {{"test::Scale", in, "0.5", "", "0x10"}, {16.5f, 15.f}},
       {{"test::Scale", in, "-inf", "[ ]", "010"}, {-INFINITY, INFINITY}},  // 010 is ten
       {{"test::Concat", a + "," + b}, {1.f, 2.f, 3.f}},
-      {{"test::Concat", ""}, {}},
   };
   for (const Case& c : cases) {
     std::vector<std::string> args = {"run"};
@@ -149,38 +123,27 @@ TEST(KoraCommand, RunConvertsEachArgumentByItsParameterKindAndWritesOrShowsOutpu
     ASSERT_EQ(r.status, 0) << c.args[0] << ": " << r.err;
     EXPECT_EQ(r.err + r.out, "");
     Tensor out = load(dir / "out.npy");
-    EXPECT_EQ(out.isEmpty() ? std::vector<float>{} : valuesOf<float>(out), c.values) << c.args[0];
+    EXPECT_EQ(valuesOf<float>(out), c.values) << c.args[0];
   }
-  // The element type of Convert's output comes from a string argument.
-  ASSERT_EQ(command({"run", "test::Convert", in, "cast", "si16", "1", "-o", dir / "h.npy"}).status, 0);
-  EXPECT_EQ(valuesOf<int16_t>(load(dir / "h.npy")), (std::vector<int16_t>{1, -2}));
   // Outputs without -o are shown; -o takes the outputs in order.
   Result r = command({"run", "test::Split", in, "0.75", "-o", dir / "lo.npy"});
   EXPECT_EQ(valuesOf<float>(load(dir / "lo.npy")), (std::vector<float>{0.75f, -2.f}));
   EXPECT_EQ(r.out, "output 1: f32 2\n[1.   0.75]\n");
-  r = command({"run", "test::Split", in, "0", "--output=" + (dir / "lo.kora"), "--output", dir / "hi.npy"});
-  EXPECT_EQ(valuesOf<float>(load(dir / "lo.kora")), (std::vector<float>{0.f, -2.f}));
-  EXPECT_EQ(valuesOf<float>(load(dir / "hi.npy")), (std::vector<float>{1.f, 0.f}));
   EXPECT_EQ(command({"run", "test::Fill", "2.5", "-t", "f32:2x2"}).out, "output 0: f32 2x2\n[[2.5 2.5]\n [2.5 2.5]]\n");
   // One element is traced for the one command.
   const std::string x = save(dir, "x.npy", f32({2, 3}, {-1.5f, 0.f, 2.25f, 3.f, -0.5f, -7.f}));
   r = command({"run", "native::ReLU", x, "--trace", "[1, 2]"}, kernelTable());
   EXPECT_EQ(r.out + r.err, "fout[1, 2] = relu(fin[1, 2]) // relu(-7) -> 0 \noutput 0: f32 2x3\n[[0.   0.   2.25]\n [3.   0.   0.  ]]\n");
   EXPECT_TRUE(Context::get().getTracePoint().empty()) << "the trace point lasts one command";
-  for (auto [point, printed] : {std::pair{"2,0", "2, 0"}, {"1", "1"}}) {
-    r = command({"run", "native::ReLU", x, "--trace", point, "-o", dir / "out.npy"}, kernelTable());
-    EXPECT_EQ(r.status, 0);
-    EXPECT_EQ(r.out, "");
-    EXPECT_EQ(r.err, "kora run: warning: trace point [" + std::string(printed) + "] lies outside every output (2x3); nothing was traced\n");
-  }
+  r = command({"run", "native::ReLU", x, "--trace", "2,0", "-o", dir / "out.npy"}, kernelTable());
+  EXPECT_EQ(r.status, 0);
+  EXPECT_EQ(r.out + r.err, "kora run: warning: trace point [2, 0] lies outside every output (2x3); nothing was traced\n");
 }
 
 TEST(KoraCommand, CompareExitsByClosenessAndShowPrintsFiles) {
   test::TempDir dir;
   const Tensor expected = f32({2, 2}, {1, 2, 3, 4}), actual = f32({2, 2}, {1, 2.5f, 3, 3.75f});
   const std::string e = save(dir, "e.npy", expected), a = save(dir, "a.npy", actual);
-  const std::string h = save(dir, "h.kora", tensorOf<uint16_t>(ElementType::f16, {2, 2}, {0x3c00, 0x4000, 0x4200, 0x4400}));
-  const std::string n = save(dir, "n.npy", f32({2, 2}, {1, NAN, 3, 4}));
   // The report is the library's (its texts are checked with the metrics).
   Comparison c;
   ASSERT_TRUE(compareTensors(c, expected, actual).ok());
@@ -188,41 +151,24 @@ TEST(KoraCommand, CompareExitsByClosenessAndShowPrintsFiles) {
   EXPECT_EQ(r.status, 1);
   EXPECT_EQ(r.out, "expected  " + e + "  f32 2x2\nactual    " + a + "  f32 2x2\n" + formatMetrics(c) + differenceView(c));
   const std::pair<std::vector<std::string>, int> cases[] = {
-      {{e, h}, 0},  // f32 against f16 holding the same values
-      {{e, a, "--atol", "0.5"}, 0}, {{e, a, "--rtol=0.2"}, 1} /* 0.5 > 0.2 * 2 */, {{n, n}, 1}, {{n, n, "--equal-nan"}, 0}};
+      {{e, e}, 0}, {{e, a, "--atol", "0.5"}, 0}};
   for (const auto& [args, status] : cases) {
     std::vector<std::string> full = {"compare"};
     full.insert(full.end(), args.begin(), args.end());
     EXPECT_EQ(command(full).status, status) << args.back();
   }
-  r = command({"compare", e, a, "--worst", "0"});
-  EXPECT_EQ(r.out.find("worst mismatches"), std::string::npos);
-  EXPECT_NE(r.out.find("|difference| histogram"), std::string::npos);
   const std::string s = save(dir, "s.kora", tensorOf<int8_t>(ElementType::si8, {}, {-3}));
-  std::vector<int16_t> many(3000);
-  std::iota(many.begin(), many.end(), int16_t(0));
-  const std::string big = save(dir, "big.npy", tensorOf<int16_t>(ElementType::si16, {3000}, many));
   EXPECT_EQ(command({"show", e}).out, e + ": f32 2x2 (.npy 1.0, 4 elements)\n[[1. 2.]\n [3. 4.]]\n");
   EXPECT_EQ(command({"show", s}).out, s + ": si8 () (serialized tensor, 1 elements)\n-3\n");
-  EXPECT_EQ(command({"show", big}).out, big + ": si16 3000 (.npy 1.0, 3000 elements)\n[   0    1    2 ... 2997 2998 2999]\n");
-  EXPECT_EQ(command({"show", big, "--all"}).out.find("..."), std::string::npos);
 }
 
 TEST(KoraCommand, TheProgramEndToEnd) {
   test::TempDir dir;
-  const std::string in = save(dir, "in.npy", f32({3}, {-1.f, 2.f, -3.f}));
-  Result r = program({"--version"}, dir);
-  EXPECT_EQ(r.status, 0);
-  EXPECT_EQ(r.out, std::string("kora ") + KORA_VERSION + " (" + KORA_GIT_HASH + ")\n");
-  r = program({"run", "native::ReLU", in, "--trace", "2", "-o", dir / "out.npy"}, dir);
-  EXPECT_EQ(r.status, 0) << r.err;
-  EXPECT_EQ(r.out, "fout[2] = relu(fin[2]) // relu(-3) -> 0 \n");
-  EXPECT_EQ(valuesOf<float>(load(dir / "out.npy")), (std::vector<float>{0.f, 2.f, 0.f}));
-  EXPECT_EQ(program({"compare", in, dir / "out.npy"}, dir).status, 1);
+  EXPECT_EQ(program({"--version"}, dir).out, std::string("kora ") + KORA_VERSION + " (" + KORA_GIT_HASH + ")\n");
   // A kernel meeting an element type it does not serve stops the library;
   // the program says why and exits with status 3 instead of dumping core.
   const std::string flags = save(dir, "flags.npy", tensorOf<uint8_t>(ElementType::bool8, {2}, {1, 0}));
-  r = program({"run", "native::ReLU", flags, "-o", dir / "never.npy"}, dir);
+  Result r = program({"run", "native::ReLU", flags, "-o", dir / "never.npy"}, dir);
   EXPECT_EQ(r.status, 3);
   EXPECT_NE(r.err.find("kora: trapped at include/kora/Core/ElementType, line "), std::string::npos) << r.err;
   EXPECT_NE(r.err.find("kora: unknown element type: bool8\n"), std::string::npos) << r.err;

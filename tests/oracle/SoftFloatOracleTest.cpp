@@ -2,7 +2,7 @@
 // rounds correctly in every direction: every fp16 and bf16 pattern through
 // every conversion and direction, sampled float32 and fp24 sources, fp24
 // addition and multiplication over millions of random and edge operands,
-// and intToFp24 over every int32.
+// and intToFp24 over a wide sweep of int32.
 //
 // The oracle here knows the hardware's rules (no subnormals, overflow to
 // infinity, NaN propagation) but none of the library's bit manipulation: it
@@ -158,8 +158,8 @@ TEST(SoftFloatOracle, IntToFp24OverAWideSweepOfInt32) {
   // Against an independent rounding (scale into [2^15, 2^16), rint ties to
   // even, scale back): every value below 2^25 in magnitude (every dropped-bit
   // pattern of up to 9 bits), then the whole int32 range with an odd stride,
-  // which runs through every residue of the low 15 bits in every binade;
-  // and a sample against MPFR.
+  // which runs through every residue of the low 15 bits in every binade
+  // (carries into the next binade included, up to 2^31).
   auto expected = [](int64_t v) {
     const double d = double(v);
     if (std::fabs(d) < 65536) return d;
@@ -175,14 +175,5 @@ TEST(SoftFloatOracle, IntToFp24OverAWideSweepOfInt32) {
   const int64_t dense = int64_t(1) << 25;
   sweep(-dense, dense, kScale == 1 ? 1 : 7);
   sweep(INT32_MIN, INT32_MAX, kScale == 1 ? 61 : 487);  // odd strides
-  sweep(INT32_MAX - 100000, INT32_MAX, 1);
-  sweep(INT32_MIN, INT32_MIN + 100000, 1);
   EXPECT_EQ(mismatches, 0) << "of " << compared;
-  std::mt19937 rng(24);
-  Mp r(16);
-  for (long i = 0; i < 200000 / kScale; ++i) {
-    const int32_t v = int32_t(rng()) >> (rng() % 31);
-    mpfr_set_si(r.v, v, MPFR_RNDN);
-    ASSERT_EQ(intToFp24(v), hardwareResult(r.v, kFp24)) << v;
-  }
 }
