@@ -1,8 +1,8 @@
 #pragma once
 // A test-local kernel table whose small kernels cover the parameter kinds
-// (tensors, tensor lists, scalars, arrays, several outputs, kernels with and
-// without a Config), for the invocation layer and the command line without
-// the library's own kernels.
+// (tensors, tensor lists, scalars, arrays, strings, element types, several
+// outputs, kernels with and without a Config), for the invocation layer and
+// the command line without the library's own kernels.
 #include <algorithm>
 
 #include "TestUtil.h"
@@ -58,6 +58,20 @@ inline Status concat(Tensor& out, const std::vector<Tensor>& ins) {
   return Status::success();
 }
 
+// test::Convert: a string, an element type and a flag.
+inline Status convertConfig(Tensor& out, Tensor const& in, const std::string&, ElementType type, bool enabled) {
+  if (!enabled) return configError("Convert", "switched off");
+  out.setShape(in.shape());
+  out.setElementType(type);
+  return Status::success();
+}
+
+inline Status convert(Tensor& out, Tensor const& in, const std::string& mode, ElementType type, bool) {
+  if (mode != "cast") return failure("unknown mode {}", mode);
+  copyElements(out, in.cast(type));
+  return Status::success();
+}
+
 inline const KernelRegistry& testKernels() {
   static const KernelRegistry table = [] {
     KernelRegistry t;
@@ -65,6 +79,7 @@ inline const KernelRegistry& testKernels() {
     registerKernel(t, "test::Split", &splitConfig, &split);
     registerKernel(t, "test::Fill", nullptr, &fill);
     registerKernel(t, "test::Concat", &concatConfig, &concat);
+    registerKernel(t, "test::Convert", &convertConfig, &convert);
     return t;
   }();
   return table;

@@ -55,10 +55,11 @@ TEST(KoraCommand, HelpAndList) {
                                                                     {{"help", "run"}, "usage: kora run"}};
   for (const auto& [args, usage] : help) EXPECT_EQ(command(args).out.substr(0, usage.size()), usage);
   EXPECT_EQ(command({"list"}).out,
-            "test::Scale   outputs: Tensor          inputs: Tensor, double, int64_t[] = [], int8_t = 0\n"
-            "test::Split   outputs: Tensor, Tensor  inputs: Tensor, float\n"
-            "test::Fill    outputs: Tensor          inputs: double  (no Config)\n"
-            "test::Concat  outputs: Tensor          inputs: Tensor[]\n");
+            "test::Scale    outputs: Tensor          inputs: Tensor, double, int64_t[] = [], int8_t = 0\n"
+            "test::Split    outputs: Tensor, Tensor  inputs: Tensor, float\n"
+            "test::Fill     outputs: Tensor          inputs: double  (no Config)\n"
+            "test::Concat   outputs: Tensor          inputs: Tensor[]\n"
+            "test::Convert  outputs: Tensor          inputs: Tensor, string, uint64_t, bool\n");
   for (auto [pattern, lines] : {std::pair{"SPLIT", 1}, {"test::S*", 2}}) {
     Result r = command({"list", pattern});
     EXPECT_EQ(r.status, 0) << pattern;
@@ -126,6 +127,9 @@ TEST(KoraCommand, RunConvertsEachArgumentByItsParameterKindAndWritesOrShowsOutpu
     EXPECT_EQ(valuesOf<float>(out), c.values) << c.args[0];
   }
   // Outputs without -o are shown; -o takes the outputs in order.
+  // A string, an element type by its name and a flag, converted by kind.
+  ASSERT_EQ(command({"run", "test::Convert", in, "cast", "si16", "1", "-o", dir / "h.npy"}).status, 0);
+  EXPECT_EQ(valuesOf<int16_t>(load(dir / "h.npy")), (std::vector<int16_t>{1, -2}));
   Result r = command({"run", "test::Split", in, "0.75", "-o", dir / "lo.npy"});
   EXPECT_EQ(valuesOf<float>(load(dir / "lo.npy")), (std::vector<float>{0.75f, -2.f}));
   EXPECT_EQ(r.out, "output 1: f32 2\n[1.   0.75]\n");
