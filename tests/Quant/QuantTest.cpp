@@ -217,4 +217,9 @@ TEST(Quant, FakeQuantByNameWithRegisteredDefaults) {
   std::vector<Tensor> byName = {Tensor(f32, {4})};
   ASSERT_TRUE(invoke("quant::fakequant", byName, {x, std::vector<double>{0.5}, std::vector<int64_t>{1}}).ok());
   EXPECT_EQ(valuesOf<float>(byName[0]), (std::vector<float>{0.5f, -64.5f, 0.5f, 3.0f}));
+  // Per axis with the default axis: the scales run along the last axis.
+  std::vector<Tensor> perAxis = {Tensor(f32, {2, 2})};
+  ASSERT_TRUE(invoke("quant::fakequant", perAxis, {tensorOf<float>(f32, {2, 2}, std::vector<float>(4, 0.75f)),
+                                                    std::vector<double>{0.5, 4.0}, std::vector<int64_t>{0, 0}, true}).ok());
+  EXPECT_EQ(valuesOf<float>(perAxis[0]), (std::vector<float>{1.0f, 0.0f, 1.0f, 0.0f}));
 }
